@@ -1,0 +1,12 @@
+#include "core/main_loop.h"
+#include "core/startup.h"
+
+// The daemon takes no arguments. It ends with 0 in every case that reaches the shutdown.
+int main()
+{
+    if (pelkin_init() == 0) {
+        pelkin_main_loop();
+    }
+    pelkin_shutdown();
+    return 0;
+}

@@ -1,0 +1,63 @@
+#include "core/main_loop.h"
+
+#include <errno.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+
+#include "core/intake.h"
+#include "core/ipc_msg.h"
+#include "core/liveness.h"
+#include "log/log.h"
+#include "pool/worker_registry.h"
+
+enum loop_verdict {
+    LOOP_GOES_ON,
+    LOOP_ENDS, // the request socket is gone
+};
+
+// Receives one datagram. The buffer is zero behind what was received: each pass clears what it got.
+static enum loop_verdict receive_request(void)
+{
+    static uint8_t buffer[PELKIN_MSG_MAX] __attribute__((aligned(8)));
+    struct sockaddr_un sender = {};
+    socklen_t sender_length = sizeof sender;
+    const ssize_t received =
+        recvfrom(pelkin_sock, buffer, sizeof buffer, 0, (struct sockaddr *)&sender, &sender_length);
+    if (received > 0) {
+        (void)pelkin_rcv_ipc_msg(buffer, (int32_t)received, &sender, sender_length);
+        memset(buffer, 0, (size_t)received);
+    } else if (received < 0) {
+        const int error = errno;
+        char text[128];
+        PELKIN_LOG_ERROR("VOK_RECVFROM returns %d -- %s (%d)", (int)received,
+                         strerror_r(error, text, sizeof text), error);
+        return error == EBADF || error == ENOTSOCK ? LOOP_ENDS : LOOP_GOES_ON;
+    }
+    return LOOP_GOES_ON;
+}
+
+static enum loop_verdict run_one_pass(void)
+{
+    struct timeval timeout = {.tv_sec = PELKIN_LOOP_WAIT_S, .tv_usec = 0};
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(pelkin_sock, &readable);
+    const int ready = select(FD_SETSIZE, &readable, nullptr, nullptr, &timeout);
+    const int error = errno;
+    pelkin_mark_alive();
+    if (ready < 0) {
+        char text[128];
+        PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready,
+                           strerror_r(error, text, sizeof text), error);
+        return error == EBADF ? LOOP_ENDS : LOOP_GOES_ON;
+    }
+    return ready > 0 && FD_ISSET(pelkin_sock, &readable) ? receive_request() : LOOP_GOES_ON;
+}
+
+void pelkin_main_loop(void)
+{
+    while (run_one_pass() == LOOP_GOES_ON) {
+        pelkin_release_idle_threads(&pelkin_thread_list);
+    }
+}

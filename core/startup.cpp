@@ -1,0 +1,81 @@
+#include "core/startup.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/err.h>
+#include <stdio.h>
+#include <string.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "core/ipc_msg.h"
+#include "core/liveness.h"
+#include "core/signals.h"
+#include "http/connection.h"
+#include "log/log.h"
+#include "log/ttylog_modules.h"
+#include "platform/ipc_open_sock.h"
+#include "pool/worker_registry.h"
+
+int32_t pelkin_write_pid_file(const char *path)
+{
+    const int fd =
+        path == nullptr ? -1 : open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return -1;
+    }
+    const int written = dprintf(fd, "%d", getpid());
+    (void)close(fd);
+    return written > 0 ? 0 : -1;
+}
+
+void pelkin_set_trace_level(uint32_t level)
+{
+    __atomic_store_n(&tu_trace_level, level, __ATOMIC_RELAXED);
+}
+
+void pelkin_set_fltlog(uint32_t on)
+{
+    __atomic_store_n(&tu_pelkin_fltlog, on, __ATOMIC_RELAXED);
+}
+
+int32_t pelkin_init(void)
+{
+    pelkin_ignore_sigpipe();
+    (void)pelkin_write_pid_file(PELKIN_PID_FILE);
+    openlog("pelkin", LOG_PID, LOG_LOCAL2);
+    (void)pelkin_ttylog_init();
+    pelkin_set_fltlog(1);
+    pelkin_set_trace_level(TU_LEVEL_NOTICE);
+
+    pelkin_ctx = pelkin_create_ctx();
+    if (pelkin_ctx == nullptr) {
+        PELKIN_LOG_ERROR("create ctx fail.");
+        return -1;
+    }
+    pelkin_sock = ipc_open_sock(PELKIN_SOCKET_PATH);
+    if (pelkin_sock < 0) {
+        char text[128];
+        PELKIN_LOG_ERROR("Unable to open unix socket: %s", strerror_r(errno, text, sizeof text));
+        return -1;
+    }
+    pelkin_thread_list = nullptr;
+    pelkin_mark_alive();
+    return 0;
+}
+
+void pelkin_shutdown(void)
+{
+    (void)pelkin_ttylog_unregister();
+    if (pelkin_sock >= 0) {
+        (void)close(pelkin_sock);
+    }
+    if (pelkin_thread_list != nullptr) {
+        (void)pelkin_release_all_threads(&pelkin_thread_list);
+    }
+    if (pelkin_ctx != nullptr) {
+        SSL_CTX_free(pelkin_ctx);
+        pelkin_ctx = nullptr;
+    }
+    ERR_free_strings();
+}

@@ -1,0 +1,56 @@
+/*
+ * Outgoing connections: the daemon's TLS context, TCP sockets and TLS objects, connecting to a host
+ * by name or dotted address, and the bounded wait for a socket. Sending requests is not done here
+ * (http/exchange.h). Connections of different threads are independent of each other; the context is
+ * shared and only read.
+ *
+ * Nobody's certificate is checked and no server name is sent: the servers are the operator's own
+ * and often old, so TLS 1.0, short keys and SHA-1 signatures are accepted too.
+ */
+#ifndef PELKIN_HTTP_CONNECTION_H
+#define PELKIN_HTTP_CONNECTION_H
+
+#include <openssl/ssl.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Modes of pelkin_wait_socket(). */
+#define PELKIN_WAIT_READABLE 0
+#define PELKIN_WAIT_WRITABLE 1
+#define PELKIN_WAIT_EXCEPTION 2
+
+/* The daemon's one TLS client context: set by start-up before any worker exists, freed by shutdown.
+ */
+extern SSL_CTX *pelkin_ctx;
+
+/* A new context, which the caller frees with SSL_CTX_free(), or null (logged). Main thread. */
+SSL_CTX *pelkin_create_ctx(void);
+
+/* A new TLS object, which the caller frees with SSL_free(), or null (logged). */
+SSL *pelkin_create_ssl(SSL_CTX *context);
+
+/* A new blocking IPv4 stream socket (close-on-exec), which the caller closes, or -1. */
+int32_t pelkin_create_tcp_socket(void);
+
+/*
+ * Connects `sock` to `host` (a name, or else a dotted address) and `port` (host byte order). With a
+ * TLS object, runs a complete new handshake on it, whatever the object was connected to before.
+ * Both block for as long as the system and the server take. On success the socket is non-blocking.
+ * Returns 0, or -1 (logged); the socket then stays open and is the caller's to close.
+ */
+int32_t pelkin_connect_tcp_socket(int32_t sock, SSL *tls, const char *host, uint16_t port);
+
+/*
+ * Waits until `sock` is ready in the way of `mode`, at most the given time; a wait that a signal
+ * interrupts starts over. Above 0 when ready, 0 at the time-out, below 0 on an error (errno). A
+ * descriptor of any number will do.
+ */
+int32_t pelkin_wait_socket(int32_t sock, int32_t seconds, int32_t microseconds, int16_t mode);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

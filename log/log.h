@@ -1,0 +1,98 @@
+/*
+ * The logging convention of the daemon: PELKIN_LOG_ERROR("text %d", number) and its siblings. A
+ * statement's text is first copied into the filter-log buffer when that switch is on, whatever the
+ * level; then, when its effective level is at most the trace level, the line "function():text\n"
+ * goes to the module's log channel (log/smart_tty.h). Any thread, at any time.
+ */
+#ifndef PELKIN_LOG_LOG_H
+#define PELKIN_LOG_LOG_H
+
+#include <stdint.h>
+
+#include "log/smart_tty.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define TU_TMPBUF_SIZE 1024
+
+/* Base levels, as in syslog (RFC 5424, 6.2.1). */
+#define TU_LEVEL_ERROR 3u
+#define TU_LEVEL_WARNING 4u
+#define TU_LEVEL_NOTICE 5u
+#define TU_LEVEL_INFO 6u
+#define TU_LEVEL_DEBUG 7u
+
+/*
+ * Settings of the channel. Plain words, written by the main thread and read by all; read and write
+ * them with the relaxed atomic built-ins, as the macros below do.
+ */
+extern uint32_t tu_trace_level;    /* least important level that is printed; compared unsigned */
+extern uint32_t tu_facility;       /* bits that make every message less important */
+extern uint32_t tu_pelkin_fltlog;  /* the daemon's filter-log switch */
+extern uint32_t tu_trace_mask;     /* for other modules; not read here */
+extern uint32_t tu_event_level;    /* for other modules; not read here */
+extern uint32_t tu_event_facility; /* for other modules; not read here */
+
+/* The filter-log copy of this thread's latest message, NUL-terminated. */
+extern __thread char tu_tmpbuf[TU_TMPBUF_SIZE];
+
+/* The daemon's own control record; registered by log/ttylog_modules.h. */
+extern struct smart_tty_ctrl pelkin_ttylog_ctrl;
+
+/*
+ * Carries out one statement: `line` is the format of the printed line and takes the function's name
+ * first, `text` the same without "%s():" and the newline. For the macros below.
+ */
+void pelkin_log_statement(uint32_t base_level, const char *text, const char *line, ...)
+    __attribute__((format(printf, 3, 4)));
+
+/* The level that counts: facility bits can only make a message less important. */
+static inline uint32_t pelkin_log_effective_level(uint32_t base_level)
+{
+    return base_level | (__atomic_load_n(&tu_facility, __ATOMIC_RELAXED) & (7u - base_level));
+}
+
+/* Whether a statement of this base level is printed now. */
+static inline int pelkin_log_printed(uint32_t base_level)
+{
+    return pelkin_log_effective_level(base_level) <=
+           __atomic_load_n(&tu_trace_level, __ATOMIC_RELAXED);
+}
+
+static inline int pelkin_log_copied(void)
+{
+    return __atomic_load_n(&tu_pelkin_fltlog, __ATOMIC_RELAXED) != 0;
+}
+
+#ifdef __cplusplus
+}
+
+#define PELKIN_LOG_STATEMENT_(condition, base_level, text, ...)                                    \
+    do {                                                                                           \
+        if (condition) {                                                                           \
+            pelkin_log_statement(base_level, text, "%s():" text "\n",                              \
+                                 __func__ __VA_OPT__(, ) __VA_ARGS__);                             \
+        }                                                                                          \
+    } while (0)
+
+#define PELKIN_LOG_(base_level, ...)                                                               \
+    PELKIN_LOG_STATEMENT_(pelkin_log_copied() || pelkin_log_printed(base_level), base_level,       \
+                          __VA_ARGS__)
+
+/* A message format (a literal) and its arguments. */
+#define PELKIN_LOG_ERROR(...) PELKIN_LOG_(TU_LEVEL_ERROR, __VA_ARGS__)
+#define PELKIN_LOG_WARNING(...) PELKIN_LOG_(TU_LEVEL_WARNING, __VA_ARGS__)
+#define PELKIN_LOG_NOTICE(...) PELKIN_LOG_(TU_LEVEL_NOTICE, __VA_ARGS__)
+#define PELKIN_LOG_INFO(...) PELKIN_LOG_(TU_LEVEL_INFO, __VA_ARGS__)
+#define PELKIN_LOG_DEBUG(...) PELKIN_LOG_(TU_LEVEL_DEBUG, __VA_ARGS__)
+
+/*
+ * For a statement whose filter-log copy the thread's next statement replaces before anything else
+ * happens: when the line is not printed, the copy that nobody could see is not made either.
+ */
+#define PELKIN_LOG_DEBUG_SUPERSEDED(...)                                                           \
+    PELKIN_LOG_STATEMENT_(pelkin_log_printed(TU_LEVEL_DEBUG), TU_LEVEL_DEBUG, __VA_ARGS__)
+#endif
+#endif

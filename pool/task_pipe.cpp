@@ -1,0 +1,130 @@
+/*
+ * Why a task is whole or absent. The main thread, the only writer, must never block, and a task of
+ * which only a part was written would spoil every task behind it.
+ *
+ * A task of at most PIPE_BUF bytes is one write, which the kernel makes whole or refuses (pipe(7)).
+ * For a larger one the room is looked at first. The kernel counts a pipe's room in page-sized
+ * slots, not in bytes: a write of n bytes puts its odd bytes (n modulo the page size) into the
+ * newest slot if they fit behind what is there, and takes a fresh slot for every page of the rest;
+ * if they don't fit, it takes fresh slots for all. A slot is never shared otherwise, and is free
+ * again when its last byte has been read. What is known from outside is the number of unread bytes
+ * (FIONREAD). But two neighbouring slots always hold more than one page together: either one of
+ * them is full, or the second was opened because its bytes did not fit behind the first's. With
+ * only the oldest slot partly read, b unread bytes therefore lie in at most 2 * ((b - 1) / (page +
+ * 1)) + 2 slots, and a task of n bytes needs at most n / page, rounded up, of the others. The
+ * reader can only make more room between the look and the write. The rule errs on the side of
+ * refusing: up to half of a crowded pipe's slots may stay unused by large tasks, none by small
+ * ones.
+ */
+#include "pool/task_pipe.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "log/log.h"
+
+int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
+{
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        pipe_fd[0] = -1;
+        pipe_fd[1] = -1;
+        return -1;
+    }
+    pipe_fd[0] = ends[0];
+    pipe_fd[1] = ends[1];
+    const int flags = fcntl(ends[1], F_GETFL);
+    (void)fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
+    // Best effort: with less, fewer tasks can wait, and a hand-off that finds no room says so.
+    (void)fcntl(ends[1], F_SETPIPE_SZ, TASK_PIPE_CAPACITY);
+    return 0;
+}
+
+static bool has_room_for(int32_t write_end, size_t length)
+{
+    int unread = 0;
+    const int capacity = fcntl(write_end, F_GETPIPE_SZ);
+    if (capacity < 0 || ioctl(write_end, FIONREAD, &unread) != 0) {
+        return true; // not a pipe that can be asked: let the write say what is wrong
+    }
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    const size_t used = unread == 0 ? 0 : 2 * (((size_t)unread - 1) / (page + 1)) + 2;
+    const size_t needed = (length + page - 1) / page;
+    return used + needed <= (size_t)capacity / page;
+}
+
+static void log_send_error(int error)
+{
+    char text[128];
+    const char *reason = strerror_r(error, text, sizeof text);
+    if (error == EAGAIN) {
+        PELKIN_LOG_ERROR("failed to send data, send buffer is full? err(%d):%s", error, reason);
+    } else {
+        PELKIN_LOG_ERROR("failed to send data, err(%d):%s", error, reason);
+    }
+}
+
+int32_t send_data(int32_t fd, const void *buffer, size_t length)
+{
+    const uint8_t *bytes = (const uint8_t *)buffer;
+    for (size_t done = 0; done < length;) {
+        const ssize_t written = write(fd, bytes + done, length - done);
+        if (written >= 0) {
+            done += (size_t)written;
+        } else if (errno != EINTR) {
+            const int error = errno;
+            log_send_error(error);
+            return error;
+        }
+    }
+    return 0;
+}
+
+int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
+{
+    const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
+    if (length > PIPE_BUF && !has_room_for(write_end, length)) {
+        log_send_error(EAGAIN);
+        return EAGAIN;
+    }
+    return send_data(write_end, task, length);
+}
+
+int32_t read_data(int32_t fd, void *buffer, size_t length)
+{
+    uint8_t *bytes = (uint8_t *)buffer;
+    for (size_t done = 0; done < length;) {
+        const ssize_t got = read(fd, bytes + done, length - done);
+        if (got == 0) {
+            return 0;
+        }
+        if (got > 0) {
+            done += (size_t)got;
+        } else if (errno != EINTR && errno != EAGAIN) {
+            const int error = errno;
+            char text[128];
+            PELKIN_LOG_ERROR("failed to read data, err(%d):%s", error,
+                             strerror_r(error, text, sizeof text));
+            return -1;
+        }
+    }
+    return (int32_t)length;
+}
+
+int32_t pelkin_rcv_task(int32_t read_end, struct http_task *task)
+{
+    const int32_t rc = read_data(read_end, task, HTTP_TASK_FIXED_SIZE);
+    if (rc < 1) {
+        return rc;
+    }
+    if (task->dataLen < 0 || task->dataLen > HTTP_TASK_DATA_MAX) {
+        PELKIN_LOG_ERROR("wrong task->dataLen:%d (less than 0 or bigger than max buf size:%d)",
+                         task->dataLen, HTTP_TASK_DATA_MAX);
+        return -1;
+    }
+    return task->dataLen == 0 ? rc : read_data(read_end, task->data, (size_t)task->dataLen);
+}

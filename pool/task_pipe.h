@@ -1,0 +1,49 @@
+/*
+ * The task pipe: how a task travels from the main thread to its worker, as the task's fixed part
+ * and its `dataLen` data bytes. There is no other framing, so the stream must stay whole; see
+ * task_pipe.cpp for how it does.
+ */
+#ifndef PELKIN_POOL_TASK_PIPE_H
+#define PELKIN_POOL_TASK_PIPE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "core/http_task.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Bytes of capacity that a task pipe asks for: 100 tasks of one page each fit with room to spare.
+ */
+#define TASK_PIPE_CAPACITY (1024 * 1024)
+
+/*
+ * Makes a pipe (both ends close-on-exec, the write end non-blocking) with as much capacity as the
+ * system grants, up to TASK_PIPE_CAPACITY. 0, or -1 with errno set and both ends -1. Main thread.
+ */
+int32_t pelkin_open_task_pipe(int32_t pipe_fd[2]);
+
+/*
+ * Writes a task whole or not at all. 0, or the errno value that stopped it: EAGAIN when the pipe
+ * may lack the room, EPIPE when the worker has gone (logged). Main thread; never blocks.
+ */
+int32_t pelkin_send_task(int32_t write_end, const struct http_task *task);
+
+/*
+ * Reads one task. Above 0 on success, 0 at the end of the stream (also in the middle of a task), -1
+ * on an error or a `dataLen` out of range (logged). Worker; blocks while the pipe is empty.
+ */
+int32_t pelkin_rcv_task(int32_t read_end, struct http_task *task);
+
+/* Writes all of `buffer`: 0, or the errno value that stopped it (logged). */
+int32_t send_data(int32_t fd, const void *buffer, size_t length);
+
+/* Reads exactly `length` bytes: `length`, 0 at the end of the stream, -1 on an error (logged). */
+int32_t read_data(int32_t fd, void *buffer, size_t length);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

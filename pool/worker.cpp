@@ -1,0 +1,202 @@
+#include "pool/worker.h"
+
+#include <errno.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "core/switches.h"
+#include "http/connection.h"
+#include "http/exchange.h"
+#include "log/log.h"
+#include "pool/answer_file.h"
+#include "pool/task_pipe.h"
+#include "pool/task_slots.h"
+
+/*
+ * All that a worker has. It lives in pages of its own, mapped at its start and unmapped at its end:
+ * they don't depend on the size of the thread's stack, and a page that no task was large enough to
+ * reach takes no memory. Between tasks every byte behind the data and the copy is zero, because
+ * each task clears what it wrote.
+ */
+struct worker {
+    int32_t read_end;
+    int32_t sem_id;
+    uint32_t is_https;
+    char host[HTTP_TASK_HOST_SIZE];
+    SSL_CTX *context; // a reference of the worker's own: shutdown may drop the daemon's meanwhile
+    SSL *tls;         // null for a plain worker
+    int32_t sock;
+    int32_t response_length;
+    struct http_task task;
+    uint8_t data_copy[HTTP_TASK_DATA_MAX]; // the task's data as it arrived
+    char response[PELKIN_MSG_MAX];
+};
+
+// Frees all but the descriptors.
+static void free_worker(struct worker *worker)
+{
+    SSL_free(worker->tls); // null is ignored
+    SSL_CTX_free(worker->context);
+    (void)munmap(worker, sizeof *worker);
+}
+
+int32_t pelkin_start_worker(const THREAD_RECORD *record)
+{
+    void *memory = mmap(nullptr, sizeof(struct worker), PROT_READ | PROT_WRITE,
+                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
+        return -1;
+    }
+    struct worker *worker = (struct worker *)memory;
+    worker->read_end = record->pipe_fd[0];
+    worker->sem_id = record->sem_id;
+    worker->is_https = record->is_https;
+    memcpy(worker->host, record->host, sizeof worker->host);
+    worker->sock = -1;
+    worker->context = pelkin_ctx;
+    (void)SSL_CTX_up_ref(worker->context);
+
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, social_media_thread, worker) != 0) {
+        PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
+        free_worker(worker);
+        return -1;
+    }
+    const int error = pthread_detach(thread);
+    if (error != 0) {
+        char text[128];
+        PELKIN_LOG_ERROR("Cannot detach thread, errno:%d,%s\n", error,
+                         strerror_r(error, text, sizeof text));
+    }
+    return 0;
+}
+
+static int32_t connect_to_server(struct worker *worker)
+{
+    if (worker->is_https != 0) {
+        worker->tls = pelkin_create_ssl(worker->context);
+        if (worker->tls == nullptr) {
+            PELKIN_LOG_ERROR("create ssl fail.");
+            return -1;
+        }
+    }
+    worker->sock = pelkin_create_tcp_socket();
+    if (worker->sock < 0) {
+        PELKIN_LOG_ERROR("create tcp socket fail.");
+        return -1;
+    }
+    const uint16_t port = pelkin_port(worker->is_https);
+    if (pelkin_connect_tcp_socket(worker->sock, worker->tls, worker->host, port) != 0) {
+        PELKIN_LOG_ERROR("can't connect to %s:%d", worker->host, port);
+        return -1;
+    }
+    return 0;
+}
+
+// Replaces the task's data by the text that goes out with the request: what follows the station's
+// address, as far as it came and is used. The data as it arrived stays in the copy.
+static void prepare_request_text(struct worker *worker)
+{
+    struct http_task *task = &worker->task;
+    const size_t length = (size_t)task->dataLen;
+    memcpy(worker->data_copy, task->data, length);
+    memset(task->data, 0, length);
+    if (length > PELKIN_MAC_SIZE) {
+        const size_t rest = length - PELKIN_MAC_SIZE;
+        memcpy(task->data, worker->data_copy + PELKIN_MAC_SIZE,
+               rest < PELKIN_TEXT_MAX ? rest : PELKIN_TEXT_MAX);
+    }
+}
+
+static void clear_data(struct worker *worker)
+{
+    const size_t length = (size_t)worker->task.dataLen;
+    memset(worker->task.data, 0, length);
+    memset(worker->data_copy, 0, length);
+}
+
+// A failed delivery is logged where it fails; the worker goes on.
+static void deliver(const struct worker *worker)
+{
+    const struct http_task *task = &worker->task;
+    const size_t length = (size_t)worker->response_length;
+    switch (task->resp_method) {
+    case PELKIN_RESP_FILE:
+        PELKIN_LOG_DEBUG("Will send response to file: %s", task->file_path);
+        (void)pelkin_send_to_file(task->file_path, worker->response, length);
+        break;
+    case PELKIN_RESP_SOCKET:
+        PELKIN_LOG_DEBUG("Will send response back to the socket.");
+        (void)pelkin_send_to_socket(pelkin_sock, worker->response, length, &task->peer_addr,
+                                    task->peer_addr_len);
+        break;
+    case PELKIN_RESP_ANALYSE:
+        if (pelkin_switch_is_on(&ignore_fb_token_verification_result) != 0) {
+            PELKIN_LOG_DEBUG("ignore fb token verification result.");
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+static int32_t perform_task(struct worker *worker)
+{
+    const struct http_task *task = &worker->task;
+    // The task's own line, right behind, replaces this one's copy.
+    PELKIN_LOG_DEBUG_SUPERSEDED("thread %s:%d received a task, current available task slots %d",
+                                worker->host, pelkin_port(worker->is_https),
+                                pelkin_count_task_slots(worker->sem_id));
+    pelkin_print_task(task);
+    // Slots count the tasks that wait in the pipe, not the one in progress.
+    pelkin_return_task_slot(worker->sem_id);
+    prepare_request_text(worker);
+    worker->response_length = 0;
+    if (_pelkin_send_recv(&worker->sock, worker->tls, task, worker->response,
+                          sizeof worker->response, &worker->response_length) != 0) {
+        PELKIN_LOG_ERROR("Send/Recv http(s) failed.");
+        return -1;
+    }
+    PELKIN_LOG_DEBUG("rcv: len[%d], buf[%s]", worker->response_length, worker->response);
+    deliver(worker);
+    clear_data(worker);
+    PELKIN_LOG_DEBUG("thread %s:%d finished task (msg_id:%0x) processing", worker->host,
+                     pelkin_port(worker->is_https), task->msg_id);
+    return 0;
+}
+
+static void perform_tasks(struct worker *worker)
+{
+    int32_t rc = pelkin_rcv_task(worker->read_end, &worker->task);
+    for (; rc > 0; rc = pelkin_rcv_task(worker->read_end, &worker->task)) {
+        if (perform_task(worker) != 0) {
+            return;
+        }
+    }
+    if (rc == 0) {
+        PELKIN_LOG_NOTICE("thread %s:%d will exit because write side pipe has been closed.",
+                          worker->host, pelkin_port(worker->is_https));
+    } else {
+        PELKIN_LOG_ERROR("thread %s:%d will exit because error occurred.", worker->host,
+                         pelkin_port(worker->is_https));
+    }
+}
+
+void *social_media_thread(void *start)
+{
+    struct worker *worker = (struct worker *)start;
+    PELKIN_LOG_NOTICE("thread begin: %s:%d", worker->host, pelkin_port(worker->is_https));
+    if (connect_to_server(worker) == 0) {
+        perform_tasks(worker);
+    }
+    PELKIN_LOG_NOTICE("thread exit: %s:%d", worker->host, pelkin_port(worker->is_https));
+    (void)close(worker->read_end);
+    if (worker->sock >= 0) {
+        (void)close(worker->sock);
+    }
+    free_worker(worker);
+    return nullptr;
+}
