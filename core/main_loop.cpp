@@ -8,12 +8,13 @@
 #include "core/intake.h"
 #include "core/ipc_msg.h"
 #include "core/liveness.h"
+#include "core/signals.h"
 #include "log/log.h"
 #include "pool/worker_registry.h"
 
 enum loop_verdict {
     LOOP_GOES_ON,
-    LOOP_ENDS, // the request socket is gone
+    LOOP_ENDS, // the request socket is gone for good
 };
 
 // Receives one datagram. The buffer is zero behind what was received: each pass clears what it got.
@@ -43,16 +44,27 @@ static enum loop_verdict run_one_pass(void)
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(pelkin_sock, &readable);
+    FD_SET(signal_pipe[0], &readable);
     const int ready = select(FD_SETSIZE, &readable, nullptr, nullptr, &timeout);
     const int error = errno;
     pelkin_mark_alive();
+    pelkin_report_lost_signals();
     if (ready < 0) {
         char text[128];
         PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready,
                            strerror_r(error, text, sizeof text), error);
         return error == EBADF ? LOOP_ENDS : LOOP_GOES_ON;
     }
-    return ready > 0 && FD_ISSET(pelkin_sock, &readable) ? receive_request() : LOOP_GOES_ON;
+    if (ready == 0) {
+        return LOOP_GOES_ON;
+    }
+    if (FD_ISSET(pelkin_sock, &readable) && receive_request() == LOOP_ENDS) {
+        return LOOP_ENDS;
+    }
+    if (FD_ISSET(signal_pipe[0], &readable)) {
+        pelkin_handle_signal(signal_pipe[0]);
+    }
+    return LOOP_GOES_ON;
 }
 
 void pelkin_main_loop(void)

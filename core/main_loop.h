@@ -1,4 +1,7 @@
-/* The main loop: waits for datagrams, marks its own liveness, lets idle workers go. */
+/*
+ * The main loop: waits for datagrams and signals, marks its own liveness, takes at most one of each
+ * a pass, lets idle workers go.
+ */
 #ifndef PELKIN_CORE_MAIN_LOOP_H
 #define PELKIN_CORE_MAIN_LOOP_H
 

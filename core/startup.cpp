@@ -10,6 +10,7 @@
 
 #include "core/ipc_msg.h"
 #include "core/liveness.h"
+#include "core/monitor.h"
 #include "core/signals.h"
 #include "http/connection.h"
 #include "log/log.h"
@@ -41,7 +42,9 @@ void pelkin_set_fltlog(uint32_t on)
 
 int32_t pelkin_init(void)
 {
-    pelkin_ignore_sigpipe();
+    if (pelkin_signal_init() < 0) {
+        return -1;
+    }
     (void)pelkin_write_pid_file(PELKIN_PID_FILE);
     openlog("pelkin", LOG_PID, LOG_LOCAL2);
     (void)pelkin_ttylog_init();
@@ -60,6 +63,11 @@ int32_t pelkin_init(void)
         return -1;
     }
     pelkin_thread_list = nullptr;
+    pthread_t monitor; // ends with the process: neither joined nor detached
+    if (pthread_create(&monitor, nullptr, pelkin_vokmon_reply, nullptr) != 0) {
+        PELKIN_LOG_ERROR("cannot start monitor thread for vokmon");
+        return -1;
+    }
     pelkin_mark_alive();
     return 0;
 }

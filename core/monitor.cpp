@@ -1,0 +1,102 @@
+#include "core/monitor.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "core/ipc_msg.h"
+#include "core/liveness.h"
+#include "log/log.h"
+
+static const int WAIT_MS = 5000;
+
+uint8_t vokmon_module_id;
+
+void vokmon_set_module(uint8_t module_id)
+{
+    vokmon_module_id = module_id;
+}
+
+int32_t vokmon_open_sock(const char *path, uint8_t module_id)
+{
+    vokmon_set_module(module_id);
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path));
+    (void)unlink(path);
+    if (bind(fd, (const struct sockaddr *)&address, sizeof address) != 0) {
+        (void)close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int32_t vokmon_reply(int32_t fd)
+{
+    struct ipc_msg_hdr message = {};
+    struct sockaddr_un prober = {};
+    socklen_t prober_length = sizeof prober;
+    const ssize_t got = recvfrom(fd, &message, sizeof message, MSG_DONTWAIT,
+                                 (struct sockaddr *)&prober, &prober_length);
+    const ssize_t up_to_id = offsetof(struct ipc_msg_hdr, len);
+    if (got < up_to_id || message.msg_id != VOKMON_MSG_PROBE) {
+        return -1;
+    }
+    // Bytes 2 and 3 go back as they came: they are the prober's own.
+    message.reserved0 = 0;
+    message.src_module = vokmon_module_id;
+    message.msg_id = VOKMON_MSG_PROBE_REPLY;
+    message.len = 0;
+    (void)sendto(fd, &message, sizeof message, MSG_DONTWAIT, (const struct sockaddr *)&prober,
+                 prober_length);
+    return 0;
+}
+
+static void discard_datagram(int32_t fd)
+{
+    uint8_t byte = 0;
+    (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
+}
+
+// A datagram waits. A stale daemon reads and forgets it: left in the queue, it would wake this
+// thread again at once, and be answered late.
+static void answer_if_alive(int32_t fd)
+{
+    (void)pthread_mutex_lock(&pelkin_timestamp_lock);
+    const time_t marked = pelkin_timestamp;
+    (void)pthread_mutex_unlock(&pelkin_timestamp_lock);
+    const int age_s = (int)(time(nullptr) - marked);
+    if (age_s < PELKIN_STALE_AFTER_S) {
+        (void)vokmon_reply(fd);
+        PELKIN_LOG_DEBUG("Pelkin udpated timestamp %d seconds ago.", age_s);
+    } else {
+        PELKIN_LOG_ERROR("Pelkin has been timeout for %d seconds.", age_s);
+        discard_datagram(fd);
+    }
+}
+
+void *pelkin_vokmon_reply(void *)
+{
+    const int32_t fd = vokmon_open_sock(PELKIN_MONITOR_SOCKET_PATH, PELKIN_MODULE_ID);
+    PELKIN_LOG_DEBUG("vokmonFd=%d", fd);
+    // Without a socket (-1) poll() only sleeps, and the daemon runs on unanswering.
+    struct pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
+    for (;;) {
+        const int ready = poll(&watched, 1, WAIT_MS);
+        if (ready > 0) {
+            answer_if_alive(fd);
+        } else if (ready < 0 && errno != EINTR) {
+            char text[128];
+            PELKIN_LOG_DEBUG("pelkin select() failed: %s, ignore",
+                             strerror_r(errno, text, sizeof text));
+        }
+    }
+}
