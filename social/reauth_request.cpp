@@ -1,0 +1,82 @@
+#include "social/reauth_request.h"
+
+#include <inttypes.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "log/log.h"
+#include "platform/url_encode.h"
+
+static const size_t ENTRIES_TEXT_MAX = 65535;
+static const size_t ENCODED_BYTE_SIZE = 3;
+
+void pelkin_cut_reauth_attr(struct reauth_attr *attrs, size_t length)
+{
+    const size_t head = offsetof(struct reauth_attr, sta);
+    size_t arrived = length > head ? (length - head) / sizeof attrs->sta[0] : 0;
+    if (arrived > REAUTH_STA_MAX) {
+        arrived = REAUTH_STA_MAX;
+    }
+    if (attrs->sta_num > (int32_t)arrived) {
+        attrs->sta_num = (int32_t)arrived;
+    }
+}
+
+// A text that is appended to until `size`, its NUL included, is reached; the rest is cut off.
+struct cut_text {
+    char *start;
+    size_t size;
+    size_t used;
+};
+
+static void append(struct cut_text *text, const char *format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+static void append(struct cut_text *text, const char *format, ...)
+{
+    const size_t room = text->size - text->used;
+    va_list arguments;
+    va_start(arguments, format);
+    const int written = vsnprintf(text->start + text->used, room, format, arguments);
+    va_end(arguments);
+    if (written > 0 && room > 0) {
+        text->used += (size_t)written < room ? (size_t)written : room - 1;
+    }
+}
+
+static void append_station(struct cut_text *text, const struct reauth_sta *sta,
+                           const char *separator)
+{
+    append(text, "\"%.*s\":{\"incoming\":\"%" PRIu32 "\",\"outgoing\":\"%" PRIu32 "\"}%s",
+           (int)sizeof sta->token, sta->token, sta->incoming, sta->outgoing, separator);
+}
+
+static void append_stations(struct cut_text *text, const struct reauth_attr *attrs)
+{
+    int32_t i = 0;
+    for (; i + 1 < attrs->sta_num; i++) {
+        append_station(text, &attrs->sta[i], ",");
+    }
+    append_station(text, &attrs->sta[i], "");
+}
+
+int32_t pelkin_build_reauth_data(char *out, size_t out_size, const struct reauth_attr *attrs)
+{
+    if (out == nullptr || attrs == nullptr) {
+        PELKIN_LOG_ERROR("Attributes should NOT be NULL.");
+        return -1;
+    }
+    char secret[REAUTH_SECRET_SIZE + 1] = ""; // ends even when the field does not
+    memcpy(secret, attrs->secret, sizeof attrs->secret);
+    char encoded[REAUTH_SECRET_SIZE * ENCODED_BYTE_SIZE];
+
+    struct cut_text text = {.start = out, .size = out_size, .used = 0};
+    append(&text, "secret=%s&tokens={", urlEncode(secret, encoded, sizeof encoded));
+    const size_t entries_end = text.used + ENTRIES_TEXT_MAX + 1;
+    text.size = entries_end < out_size ? entries_end : out_size;
+    append_stations(&text, attrs);
+    text.size = out_size;
+    append(&text, "}");
+    return 0;
+}
