@@ -1,0 +1,34 @@
+/*
+ * One request to the WeChat API server: a task for it, and its exchange over a connection of its
+ * own. Follow-check thread.
+ */
+#ifndef PELKIN_WECHAT_API_REQUEST_H
+#define PELKIN_WECHAT_API_REQUEST_H
+
+#include <stdint.h>
+
+#include "core/http_task.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Makes `task` a request of `http_req_type` to the API server over HTTPS: `path` and body are
+ * empty, everything else is as in a zeroed task.
+ */
+void wechat_prepare_task(struct http_task *task, uint32_t http_req_type);
+
+/*
+ * Carries out the task over a new connection and closes it. 0: `buf` (of `buf_size` bytes) holds
+ * the answer's body, NUL-terminated, and `*out_len` its length. Otherwise -1 (logged): `buf` holds
+ * no answer that counts, and nothing of an earlier one. It may take minutes when the server is
+ * slow.
+ */
+int32_t wechat_send_recv(const struct http_task *task, char *buf, int32_t buf_size,
+                         int32_t *out_len);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
