@@ -1,0 +1,101 @@
+#include "wechat/follow_check.h"
+
+#include <sys/select.h>
+
+#include "core/http_task.h"
+#include "log/log.h"
+#include "pool/minute_clock.h"
+#include "wechat/access_token.h"
+#include "wechat/batch_query.h"
+
+static bool is_token_expired(const TO_CHECK_ACCOUNT *account, int32_t now)
+{
+    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    const bool is_expired = account->token_expire_min <= now;
+    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    return is_expired;
+}
+
+static void expire_token(TO_CHECK_ACCOUNT *account, int32_t now)
+{
+    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    account->token_expire_min = now;
+    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+}
+
+static void report_unchecked(const TO_CHECK_CLIENT *clients)
+{
+    for (; clients != nullptr; clients = clients->next) {
+        PELKIN_LOG_ERROR("failed to check client(mac:" WECHAT_MAC_FORMAT
+                         ", openid:%s) due to error.",
+                         WECHAT_MAC(clients->mac), clients->openid);
+    }
+}
+
+static void check_in_batches(TO_CHECK_ACCOUNT *account, const TO_CHECK_CLIENT *clients, int32_t now)
+{
+    static struct http_task task; // too large for a small stack; one thread only
+    wechat_prepare_batch_task(&task, account->access_token);
+    while (clients != nullptr) {
+        const TO_CHECK_CLIENT *later = wechat_write_batch_body(&task, clients);
+        if (wechat_check_clients_of_one_batch(&task, clients) != 0) {
+            expire_token(account, now);
+            PELKIN_LOG_DEBUG("wechat_check_clients_of_one_batch return error");
+            report_unchecked(clients);
+            return;
+        }
+        clients = later;
+    }
+}
+
+void wechat_check_clients_of_one_account(TO_CHECK_ACCOUNT *account, TO_CHECK_CLIENT *clients)
+{
+    PELKIN_LOG_DEBUG("begin clients check for appid:%s.", account->appid);
+    const int32_t now = pelkin_cur_minute();
+    const int32_t rc = is_token_expired(account, now) ? wechat_refresh_access_token(account) : 0;
+    if (rc == 0) {
+        check_in_batches(account, clients, now);
+    } else {
+        PELKIN_LOG_DEBUG("wechat_refresh_access_token return error:%d", rc);
+        report_unchecked(clients);
+    }
+    PELKIN_LOG_DEBUG("finished clients check for appid:%s.", account->appid);
+    wechat_free_clients(clients);
+}
+
+int32_t wechat_check_clients_of_all_accounts(void)
+{
+    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    // An account stays while the mutex is free: this thread alone frees them, between its passes.
+    for (TO_CHECK_ACCOUNT *account = wechat_account_chain; account != nullptr;
+         account = account->next) {
+        TO_CHECK_CLIENT *due = wechat_detach_due_clients(account, pelkin_cur_minute());
+        if (due != nullptr) {
+            (void)pthread_mutex_unlock(&wechat_chain_mutex);
+            wechat_check_clients_of_one_account(account, due);
+            (void)pthread_mutex_lock(&wechat_chain_mutex);
+        }
+    }
+    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    return 0;
+}
+
+void *wechat_thread(void *)
+{
+    for (;;) {
+        struct timeval wait = {.tv_sec = WECHAT_CHECK_PERIOD_S, .tv_usec = 0};
+        (void)select(0, nullptr, nullptr, nullptr, &wait);
+        (void)wechat_check_clients_of_all_accounts();
+        wechat_delete_idle_account();
+    }
+}
+
+int32_t wechat_init(void)
+{
+    pthread_t thread; // ends with the process: neither joined nor detached
+    if (pthread_create(&thread, nullptr, wechat_thread, nullptr) != 0) {
+        PELKIN_LOG_ERROR("cannot start wechat thread.");
+        return -1;
+    }
+    return 0;
+}
