@@ -52,8 +52,11 @@ const struct reauth_sta *pelkin_find_sta_by_token(const struct reauth_attr *attr
     if (length >= REAUTH_TOKEN_SIZE) {
         return nullptr;
     }
+    // Tokens of one issuer begin alike: the last character tells most of them apart.
+    const size_t last = length > 0 ? length - 1 : 0;
     for (int32_t i = 0; i < attrs->sta_num; i++) {
-        if (memcmp(attrs->sta[i].token, token, length + 1) == 0) {
+        const char *candidate = attrs->sta[i].token;
+        if (candidate[last] == token[last] && memcmp(candidate, token, length + 1) == 0) {
             return &attrs->sta[i];
         }
     }
