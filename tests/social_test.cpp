@@ -1,0 +1,386 @@
+// Token verification as seen from its two ends: the text for the verification server, and what the
+// station manager's socket receives for an answer.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "log/log.h"
+#include "social/fbauth.h"
+#include "social/reauth_answer.h"
+#include "social/reauth_report.h"
+#include "social/reauth_request.h"
+#include "social/station_removal.h"
+
+using Bytes = std::vector<uint8_t>;
+
+static const size_t HEAD_SIZE = 264;
+static const size_t STA_SIZE = 80;
+static const uint16_t TAG = 0xBEEF;
+
+static void put(Bytes &bytes, size_t offset, const std::string &text)
+{
+    memcpy(bytes.data() + offset, text.data(), text.size());
+}
+
+static void put32(Bytes &bytes, size_t offset, uint32_t value)
+{
+    memcpy(bytes.data() + offset, &value, sizeof value);
+}
+
+// A batch with nothing behind its last station, so that a sanitizer sees every read too far. The
+// address of station i ends in i, its counters are UINT32_MAX - i and i.
+static Bytes make_batch(const std::vector<std::string> &tokens, int32_t sta_num,
+                        const std::string &secret = "s")
+{
+    Bytes bytes(HEAD_SIZE + STA_SIZE * std::max<size_t>(tokens.size(), 1));
+    memcpy(bytes.data(), &TAG, sizeof TAG);
+    put(bytes, 2, std::string(129, 'x'));
+    put(bytes, 131, secret);
+    put32(bytes, 260, (uint32_t)sta_num);
+    for (size_t i = 0; i < tokens.size(); i++) {
+        const size_t start = HEAD_SIZE + i * STA_SIZE;
+        put(bytes, start, tokens[i]);
+        bytes[start + 69] = (uint8_t)(i >> 8);
+        bytes[start + 70] = (uint8_t)i;
+        put32(bytes, start + 72, UINT32_MAX - (uint32_t)i);
+        put32(bytes, start + 76, (uint32_t)i);
+    }
+    return bytes;
+}
+
+static Bytes make_batch(const std::vector<std::string> &tokens)
+{
+    return make_batch(tokens, (int32_t)tokens.size());
+}
+
+static const reauth_attr *batch_of(const Bytes &bytes)
+{
+    return reinterpret_cast<const reauth_attr *>(bytes.data());
+}
+
+static std::vector<std::string> make_tokens(int count, int width)
+{
+    std::vector<std::string> tokens;
+    for (int i = 0; i < count; i++) {
+        const std::string number = std::to_string(i);
+        tokens.push_back(std::string((size_t)width - number.size(), 't') + number);
+    }
+    return tokens;
+}
+
+static std::string expected_body(const std::vector<std::string> &tokens)
+{
+    std::string body = "secret=s&tokens={";
+    for (size_t i = 0; i < tokens.size(); i++) {
+        body += (i > 0 ? ",\"" : "\"") + tokens[i] + "\":{\"incoming\":\"" +
+                std::to_string(UINT32_MAX - i) + "\",\"outgoing\":\"" + std::to_string(i) + "\"}";
+    }
+    return body + "}";
+}
+
+static std::string build(const Bytes &batch, size_t size = PELKIN_MSG_MAX)
+{
+    std::vector<char> out(size);
+    EXPECT_EQ(pelkin_build_reauth_data(out.data(), size, batch_of(batch)), 0);
+    return out.data();
+}
+
+TEST(ReauthBody, EveryStationOnceAndACommaBetween)
+{
+    for (const int count : {1, 3, REAUTH_STA_MAX}) {
+        const std::vector<std::string> tokens = make_tokens(count, 8);
+        EXPECT_EQ(build(make_batch(tokens)), expected_body(tokens));
+    }
+    for (const int32_t below_one : {0, -1, INT32_MIN}) {
+        EXPECT_EQ(build(make_batch({"a", "b"}, below_one)), expected_body({"a"}));
+    }
+}
+
+TEST(ReauthBody, TooLongATextEndsAtEachLimit)
+{
+    const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
+    const std::string whole = expected_body(tokens);
+    const size_t entries = whole.find('{') + 1;
+    EXPECT_EQ(build(make_batch(tokens)), whole.substr(0, PELKIN_MSG_MAX - 1));
+    EXPECT_EQ(build(make_batch(tokens), 90000), whole.substr(0, entries + 65535) + "}");
+    EXPECT_EQ(build(make_batch(tokens), 10), "secret=s&");
+}
+
+TEST(ReauthBody, FieldsEndWithoutTheirNul)
+{
+    EXPECT_EQ(build(make_batch({"a"}, 1, std::string(128, '&'))).find("&tokens="),
+              strlen("secret=") + 3 * 128);
+    const Bytes batch = make_batch({std::string(65, 'T')}, 1, std::string(129, 'S'));
+    const std::string body = build(batch);
+    EXPECT_EQ(body.substr(0, body.find(":{")),
+              "secret=" + std::string(129, 'S') + "&tokens={\"" + std::string(65, 'T') + "\"");
+}
+
+TEST(ReauthBatch, NumberOfStationsIsCutToWhatArrived)
+{
+    static const struct {
+        int32_t claimed;
+        size_t length;
+        int32_t kept;
+    } cases[] = {{2, HEAD_SIZE + 2 * STA_SIZE, 2},     {3, HEAD_SIZE + 2 * STA_SIZE, 2},
+                 {2, HEAD_SIZE + 2 * STA_SIZE - 1, 1}, {INT32_MAX, PELKIN_MSG_MAX, REAUTH_STA_MAX},
+                 {1, HEAD_SIZE + STA_SIZE - 1, 0},     {1, 10, 0},
+                 {0, HEAD_SIZE + STA_SIZE, 0},         {-5, HEAD_SIZE, -5}};
+    for (const auto &row : cases) {
+        Bytes batch = make_batch({}, row.claimed);
+        auto *attrs = reinterpret_cast<reauth_attr *>(batch.data());
+        pelkin_cut_reauth_attr(attrs, row.length);
+        EXPECT_EQ(attrs->sta_num, row.kept) << row.claimed << " claimed, length " << row.length;
+    }
+}
+
+// Stands for the station manager and gives the daemon's request socket a file descriptor whose
+// sends never wait.
+class StationManager : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        tu_pelkin_fltlog = 1;
+        pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        serve();
+    }
+
+    void TearDown() override
+    {
+        leave();
+        close(pelkin_sock);
+        pelkin_sock = -1;
+    }
+
+    void serve()
+    {
+        kivren = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, KIVREN_SOCKET_PATH);
+        ASSERT_EQ(bind(kivren, (const sockaddr *)&address, sizeof address), 0);
+    }
+
+    void leave()
+    {
+        close(kivren);
+        unlink(KIVREN_SOCKET_PATH);
+    }
+
+    // What is there at once; empty when nothing is.
+    Bytes receive()
+    {
+        Bytes message(70000);
+        const ssize_t length = recv(kivren, message.data(), message.size(), 0);
+        message.resize(length > 0 ? (size_t)length : 0);
+        return message;
+    }
+
+    int kivren = -1;
+};
+
+// Station and verdict of each entry.
+using Report = std::vector<std::pair<int, int>>;
+
+static Bytes report_bytes(const Report &report)
+{
+    if (report.empty()) {
+        return {};
+    }
+    const auto count = (uint32_t)report.size();
+    Bytes bytes(20 + 12 * report.size());
+    bytes[1] = 0x15;
+    put32(bytes, 4, 0x15000003);
+    put32(bytes, 8, 8 + 12 * count);
+    memcpy(bytes.data() + 12, &TAG, sizeof TAG);
+    put32(bytes, 16, count);
+    for (size_t i = 0; i < report.size(); i++) {
+        put32(bytes, 20 + 12 * i, (uint32_t)report[i].second);
+        bytes[20 + 12 * i + 8] = (uint8_t)(report[i].first >> 8);
+        bytes[20 + 12 * i + 9] = (uint8_t)report[i].first;
+    }
+    return bytes;
+}
+
+using ReauthAnswer = StationManager;
+
+TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
+{
+    static const std::string long_token(65, 'a');
+    static const std::string huge(5000, 'x');
+    static const std::string open = "{\"tokens\":{";
+    static const std::string b_false = "\"b\":{\"valid\":false}";
+    static const std::vector<std::pair<std::string, Report>> cases = {
+        {open + "\"a\":{\"valid\":true}," + b_false + "}}", {{0, 1}, {1, 0}}},
+        {open + b_false + ",\"a\":{\"valid\":true}}}", {{1, 0}, {0, 1}}},
+        {"\r\n[" + open + b_false + "}}", {{1, 0}}},
+        {open + b_false + "," + b_false + "}}", {{1, 0}, {1, 0}}},
+        {open + "\"twin\":{\"valid\":true}}}", {{2, 1}}},
+        {open + "\"c\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
+        {open + "\"c\":{\"valid\":true}}}", {}},
+        {open + "\"A\":{\"valid\":true},\"aa\":{\"valid\":true}}}", {}},
+        {open + "\"a\":{\"valid\":null},\"a\":{\"valid\":0},\"b\":{\"valid\":False}}}",
+         {{0, 1}, {0, 1}, {1, 1}}},
+        // White space: an empty result, a value of five characters, a value that is too long.
+        {open + " \"a\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
+        {open + "\"a\": {\"valid\":true}," + b_false + "}}", {{1, 0}}},
+        {open + "\"a\":{\"valid\": true}," + b_false + "}}", {{0, 1}, {1, 0}}},
+        {open + "\"a\":{\"valid\": false}," + b_false + "}}", {{1, 0}}},
+        {"{ \"tokens\":{" + b_false + "}}", {}},
+        // Empty parts lead to the next comma, texts longer than their field to the next entry.
+        {open + "\"\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
+        {open + "\"a\":{\"valid\":}," + b_false + "}}", {{1, 0}}},
+        {open + "\"" + long_token + "\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
+        {open + "\"" + huge + "\":{\"valid\":" + huge + "}," + b_false + "}}", {{1, 0}}},
+        {open + "\"a\":{\"valid\":true,\"x\":1}," + b_false + "}}", {{1, 0}}},
+        {open + "\"a\":{\"valid\":falsey}," + b_false + "}}", {{1, 0}}},
+        // The first closing brace ends a nested value, a second one the answer.
+        {open + "\"a\":{\"valid\":{}}," + b_false + "}}", {{0, 1}}},
+        {open + "}," + b_false + "}}", {}},
+        // Answers that end early.
+        {open + b_false + ",\"a\":{\"valid\":false", {{1, 0}, {0, 0}}},
+        {open + b_false + ",\"a\":{\"valid\":", {{1, 0}}},
+        {open + b_false + ",\"a", {{1, 0}}},
+        {open + b_false, {{1, 0}}},
+        {open, {}},
+        {"{\"error\":\"busy\"}", {}},
+        {"", {}},
+    };
+    const Bytes batch = make_batch({"a", "b", "twin", "twin"});
+    for (const auto &[answer, report] : cases) {
+        EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size()),
+                  0);
+        EXPECT_EQ(receive(), report_bytes(report)) << answer.substr(0, 100);
+    }
+}
+
+static std::string make_answer(const std::vector<std::string> &tokens)
+{
+    std::string answer = "{\"tokens\":{";
+    for (const std::string &token : tokens) {
+        answer += (token == tokens.front() ? "\"" : ",\"") + token + "\":{\"valid\":true}";
+    }
+    return answer + "}}";
+}
+
+TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
+{
+    const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
+    const Bytes batch = make_batch(tokens);
+    std::vector<std::string> shuffled;
+    Report report;
+    for (int i = 0; i < 700; i++) {
+        const int station = i * 299 % 700; // each of the first 700 once
+        shuffled.push_back(tokens[(size_t)station]);
+        report.emplace_back(station, 1);
+    }
+    std::string answer = make_answer(shuffled);
+    (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
+    EXPECT_EQ(receive(), report_bytes(report));
+
+    // 82 bytes an entry: the cut lies within the token of station 749.
+    answer = make_answer(tokens).substr(0, PELKIN_MSG_MAX - 1);
+    report.clear();
+    for (int station = 0; station < 749; station++) {
+        report.emplace_back(station, 1);
+    }
+    (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
+    EXPECT_EQ(receive(), report_bytes(report));
+
+    answer = make_answer(std::vector<std::string>(5200, "a"));
+    (void)pelkin_check_reauth_resp(batch_of(make_batch({"a"})), answer.c_str(), 0);
+    EXPECT_EQ(receive(), report_bytes(Report(5118, {0, 1})));
+}
+
+TEST_F(ReauthAnswer, BatchWithoutStationsIsNeverReported)
+{
+    for (const int32_t below_one : {0, -1}) {
+        const Bytes batch = make_batch({"a"}, below_one);
+        (void)pelkin_check_reauth_resp(batch_of(batch), "{\"tokens\":{\"a\":{\"valid\":true}}}", 0);
+        EXPECT_EQ(receive(), Bytes());
+    }
+}
+
+TEST_F(ReauthAnswer, NullArgumentsAreRefused)
+{
+    const Bytes batch = make_batch({"a"});
+    static reauth_resp out;
+    char body[8];
+    EXPECT_EQ(pelkin_build_reauth_data(nullptr, 8, batch_of(batch)), -1);
+    EXPECT_EQ(pelkin_build_reauth_data(body, sizeof body, nullptr), -1);
+    EXPECT_EQ(pelkin_check_reauth_resp(nullptr, "", 0), -1);
+    EXPECT_EQ(pelkin_analysis_reauth_resp(nullptr, "", &out), -1);
+    EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), nullptr, &out), -1);
+    EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), "", nullptr), -1);
+    EXPECT_EQ(pelkin_send_reauth_resp(nullptr), -1);
+    EXPECT_EQ(pelkin_print_reauth_resp_msg(nullptr), -1);
+}
+
+TEST_F(ReauthAnswer, LostReportIsToldAndTheNextOneArrives)
+{
+    const Bytes batch = make_batch({"a"});
+    static const char answer[] = "{\"tokens\":{\"a\":{\"valid\":false}}}";
+    leave();
+    EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
+    EXPECT_STREQ(tu_tmpbuf, "Failed to send reauth response.");
+    serve();
+    EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
+    EXPECT_STREQ(tu_tmpbuf, "Success to send request to kivren.");
+    EXPECT_EQ(receive(), report_bytes({{0, 0}}));
+}
+
+using FbauthAnswer = StationManager;
+
+TEST_F(FbauthAnswer, OnlyExactlyFalseRemovesTheStation)
+{
+    static const struct {
+        const char *answer;
+        int32_t result;
+        const char *said; // the last message
+    } cases[] = {
+        {"{\"valid\":true}", 0, "The valid is true"},
+        {"{\"valid\":False}", 0, "The valid is False"},
+        {"{\"valid\":0}", 0, "The valid is 0"},
+        {"{\"valid\": false}", 0, "The valid is  false"},
+        {"{\"valid\":falsehood}", 0, "The valid is falsehood"},
+        {"{\"valid\":fals", 0, "The valid is fals"},
+        {"{\"valid\":}", -1, "The valid is invalid"},
+        {"{\"valid\":", -1, "The valid is invalid"},
+        {"{\"error\":1}", -1, "The response format is incorrect."},
+        {"{ \"valid\":false}", -1, "The response format is incorrect."},
+        {"", -1, "The response format is incorrect."},
+    };
+    const fbauth_attr attrs = {.mac = {2, 0, 0, 0xAA, 0xBB, 0xFF}, .text = {}};
+    for (const auto &row : cases) {
+        EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, row.answer), row.result) << row.answer;
+        EXPECT_STREQ(tu_tmpbuf, row.said) << row.answer;
+        EXPECT_EQ(receive(), Bytes()) << row.answer;
+    }
+    const Bytes removal = {0, 0x15, 0, 0, 0x0B, 0, 0, 3, 6, 0, 0, 0, 2, 0, 0, 0xAA, 0xBB, 0xFF};
+    for (const char *answer : {"{\"valid\":false}", " \n{\"a\":1,\"b\":{\"valid\":false}}",
+                               "{\"valid\":false", "{\"valid\":false}{\"valid\":true}"}) {
+        EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, answer), 0) << answer;
+        EXPECT_EQ(receive(), removal) << answer;
+    }
+    EXPECT_EQ(pelkin_analysis_fbauth_resp(nullptr, ""), -1);
+    EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, nullptr), -1);
+}
+
+TEST_F(FbauthAnswer, RemovalThatCannotBeSentIsTold)
+{
+    const fbauth_attr attrs = {.mac = {2, 0, 0, 0, 0, 1}, .text = {}};
+    while (pelkin_del_sta_req(attrs.mac) == 0) { // until the station manager's queue is full
+    }
+    EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, "{\"valid\":false}"), 0);
+    EXPECT_STREQ(tu_tmpbuf, "Failed to send del sta(mac:02:00:00:00:00:01) request to kivren.");
+    EXPECT_EQ(receive().size(), 18U);
+    EXPECT_EQ(pelkin_del_sta_req(attrs.mac), 0);
+}
