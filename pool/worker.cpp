@@ -13,6 +13,9 @@
 #include "pool/answer_file.h"
 #include "pool/task_pipe.h"
 #include "pool/task_slots.h"
+#include "social/fbauth.h"
+#include "social/reauth_answer.h"
+#include "social/reauth_request.h"
 
 /*
  * All that a worker has. It lives in pages of its own, mapped at its start and unmapped at its end:
@@ -30,7 +33,8 @@ struct worker {
     int32_t sock;
     int32_t response_length;
     struct http_task task;
-    uint8_t data_copy[HTTP_TASK_DATA_MAX]; // the task's data as it arrived
+    // The task's data as it arrived; the analyses read it as the record of its message id.
+    uint8_t data_copy[HTTP_TASK_DATA_MAX] __attribute__((aligned(8)));
     char response[PELKIN_MSG_MAX];
 };
 
@@ -41,6 +45,8 @@ static void free_worker(struct worker *worker)
     SSL_CTX_free(worker->context);
     (void)munmap(worker, sizeof *worker);
 }
+
+static_assert(sizeof(struct reauth_attr) <= HTTP_TASK_DATA_MAX, "a batch fits the copy");
 
 int32_t pelkin_start_worker(const THREAD_RECORD *record)
 {
@@ -96,15 +102,20 @@ static int32_t connect_to_server(struct worker *worker)
     return 0;
 }
 
-// Replaces the task's data by the text that goes out with the request: what follows the station's
-// address, as far as it came and is used. The data as it arrived stays in the copy.
+// The text that goes out with the request takes the place of the task's data; the data as it
+// arrived stays in the copy. Of most requests that text is what follows the station's address, as
+// far as it came and is used.
 static void prepare_request_text(struct worker *worker)
 {
     struct http_task *task = &worker->task;
     const size_t length = (size_t)task->dataLen;
     memcpy(worker->data_copy, task->data, length);
     memset(task->data, 0, length);
-    if (length > PELKIN_MAC_SIZE) {
+    if (task->msg_id == PELKIN_MSG_REAUTH_REQ) {
+        struct reauth_attr *attrs = (struct reauth_attr *)worker->data_copy;
+        pelkin_cut_reauth_attr(attrs, length);
+        (void)pelkin_build_reauth_data((char *)task->data, sizeof task->data, attrs);
+    } else if (length > PELKIN_MAC_SIZE) {
         const size_t rest = length - PELKIN_MAC_SIZE;
         memcpy(task->data, worker->data_copy + PELKIN_MAC_SIZE,
                rest < PELKIN_TEXT_MAX ? rest : PELKIN_TEXT_MAX);
@@ -113,9 +124,23 @@ static void prepare_request_text(struct worker *worker)
 
 static void clear_data(struct worker *worker)
 {
-    const size_t length = (size_t)worker->task.dataLen;
-    memset(worker->task.data, 0, length);
-    memset(worker->data_copy, 0, length);
+    const size_t arrived = (size_t)worker->task.dataLen;
+    const size_t composed = strlen((const char *)worker->task.data);
+    memset(worker->task.data, 0, composed > arrived ? composed : arrived);
+    memset(worker->data_copy, 0, arrived);
+}
+
+static void analyse(const struct worker *worker)
+{
+    if (pelkin_switch_is_on(&ignore_fb_token_verification_result) != 0) {
+        PELKIN_LOG_DEBUG("ignore fb token verification result.");
+    } else if (worker->task.msg_id == PELKIN_MSG_REAUTH_REQ) {
+        (void)pelkin_check_reauth_resp((const struct reauth_attr *)worker->data_copy,
+                                       worker->response, worker->response_length);
+    } else if (worker->task.msg_id == PELKIN_MSG_FBAUTH_REQ) {
+        (void)pelkin_analysis_fbauth_resp((const struct fbauth_attr *)worker->data_copy,
+                                          worker->response);
+    }
 }
 
 // A failed delivery is logged where it fails; the worker goes on.
@@ -134,9 +159,7 @@ static void deliver(const struct worker *worker)
                                     task->peer_addr_len);
         break;
     case PELKIN_RESP_ANALYSE:
-        if (pelkin_switch_is_on(&ignore_fb_token_verification_result) != 0) {
-            PELKIN_LOG_DEBUG("ignore fb token verification result.");
-        }
+        analyse(worker);
         break;
     default:
         break;
