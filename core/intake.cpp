@@ -9,6 +9,7 @@
 #include "pool/task_pipe.h"
 #include "pool/task_slots.h"
 #include "pool/worker_registry.h"
+#include "wechat/registry.h"
 
 static const size_t FILE_PATH_LONGEST = HTTP_TASK_FILE_PATH_SIZE - 1;
 
@@ -190,6 +191,9 @@ int32_t pelkin_rcv_ipc_msg(void *message, int32_t received_length,
     switch (header->msg_id) {
     case KIVREN_MSG_DEL_STA_RESP:
         PELKIN_LOG_DEBUG("this should be reply of del sta request. no need to process it");
+        break;
+    case PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ:
+        (void)wechat_req_msg_proc(message, sender_address, sender_address_length);
         break;
     default:
         cut_to_what_came(header);

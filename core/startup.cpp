@@ -17,6 +17,7 @@
 #include "log/ttylog_modules.h"
 #include "platform/ipc_open_sock.h"
 #include "pool/worker_registry.h"
+#include "wechat/follow_check.h"
 
 int32_t pelkin_write_pid_file(const char *path)
 {
@@ -69,7 +70,7 @@ int32_t pelkin_init(void)
         return -1;
     }
     pelkin_mark_alive();
-    return 0;
+    return wechat_init() == 0 ? 0 : -1;
 }
 
 void pelkin_shutdown(void)
