@@ -1,0 +1,78 @@
+#include "tests/support/log_sink.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace support
+{
+
+static int bind_datagram(const std::string &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    (void)unlink(path.c_str());
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int room = 8 << 20;
+    (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room);
+    if (bind(fd, (const sockaddr *)&address, sizeof address) != 0) {
+        std::perror(path.c_str());
+        std::abort();
+    }
+    return fd;
+}
+
+DatagramSink::DatagramSink(const std::string &path) : bound_path(path), fd(bind_datagram(path))
+{
+    reader = std::thread([this] {
+        static thread_local char buffer[70000];
+        for (;;) {
+            const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
+            if (got <= 0) {
+                return; // shut down by the destructor
+            }
+            const std::lock_guard<std::mutex> lock(guard);
+            received.emplace_back(buffer, (size_t)got);
+        }
+    });
+}
+
+DatagramSink::~DatagramSink()
+{
+    (void)shutdown(fd, SHUT_RDWR);
+    reader.join();
+    (void)close(fd);
+    (void)unlink(bound_path.c_str());
+}
+
+std::vector<std::string> DatagramSink::all()
+{
+    const std::lock_guard<std::mutex> lock(guard);
+    return received;
+}
+
+void DatagramSink::clear()
+{
+    const std::lock_guard<std::mutex> lock(guard);
+    received.clear();
+}
+
+size_t DatagramSink::count(const std::string &text)
+{
+    const std::lock_guard<std::mutex> lock(guard);
+    return (size_t)std::count_if(received.begin(), received.end(), [&](const std::string &one) {
+        return one.find(text) != std::string::npos;
+    });
+}
+
+bool DatagramSink::wait_for(const std::string &text, size_t times, int seconds)
+{
+    return wait_until([&] { return count(text) >= times; }, seconds);
+}
+
+} // namespace support

@@ -1,0 +1,54 @@
+/* The receiving ends of the log channel: the log service and the system log. */
+#ifndef PELKIN_TESTS_SUPPORT_LOG_SINK_H
+#define PELKIN_TESTS_SUPPORT_LOG_SINK_H
+
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "log/smart_tty.h"
+#include "tests/support/wait.h"
+
+namespace support
+{
+
+/*
+ * A bound datagram socket whose thread keeps every datagram it receives. It lives as long as the
+ * object; its file is replaced at the start and removed at the end.
+ */
+struct DatagramSink {
+    explicit DatagramSink(const std::string &path);
+    ~DatagramSink();
+    DatagramSink(const DatagramSink &) = delete;
+
+    std::vector<std::string> all();
+    void clear();
+    /* Datagrams that hold `text`. */
+    size_t count(const std::string &text);
+    /* Waits for at least `times` such datagrams. */
+    bool wait_for(const std::string &text, size_t times = 1, int seconds = DEADLINE_S);
+
+    std::string bound_path;
+    int fd = -1;
+    std::mutex guard; // of `received`
+    std::vector<std::string> received;
+    std::thread reader;
+};
+
+/* The log service. A daemon registers at its start, so make the sink before the daemon. */
+struct LogSink : DatagramSink {
+    LogSink() : DatagramSink(SMART_TTY_SERVICE_PATH)
+    {
+    }
+};
+
+/* The system log. */
+struct SyslogSink : DatagramSink {
+    SyslogSink() : DatagramSink("/dev/log")
+    {
+    }
+};
+
+} // namespace support
+#endif
