@@ -10,6 +10,7 @@
 
 #include "core/ipc_msg.h"
 #include "core/liveness.h"
+#include "crash/signal_stack.h"
 #include "log/log.h"
 
 static const int WAIT_MS = 5000;
@@ -85,6 +86,7 @@ static void answer_if_alive(int32_t fd)
 
 void *pelkin_vokmon_reply(void *)
 {
+    (void)crashdump_thread_init();
     const int32_t fd = vokmon_open_sock(PELKIN_MONITOR_SOCKET_PATH, PELKIN_MODULE_ID);
     PELKIN_LOG_DEBUG("vokmonFd=%d", fd);
     // Without a socket (-1) poll() only sleeps, and the daemon runs on unanswering.

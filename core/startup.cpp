@@ -12,6 +12,7 @@
 #include "core/liveness.h"
 #include "core/monitor.h"
 #include "core/signals.h"
+#include "crash/crashdump.h"
 #include "http/connection.h"
 #include "log/log.h"
 #include "log/ttylog_modules.h"
@@ -43,6 +44,7 @@ void pelkin_set_fltlog(uint32_t on)
 
 int32_t pelkin_init(void)
 {
+    crashdump_init("pelkin"); // first: the next step overrides what it does with SIGPIPE
     if (pelkin_signal_init() < 0) {
         return -1;
     }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "core/switches.h"
+#include "crash/signal_stack.h"
 #include "http/connection.h"
 #include "http/exchange.h"
 #include "log/log.h"
@@ -211,6 +212,7 @@ static void perform_tasks(struct worker *worker)
 void *social_media_thread(void *start)
 {
     struct worker *worker = (struct worker *)start;
+    (void)crashdump_thread_init();
     PELKIN_LOG_NOTICE("thread begin: %s:%d", worker->host, pelkin_port(worker->is_https));
     if (connect_to_server(worker) == 0) {
         perform_tasks(worker);
@@ -221,5 +223,6 @@ void *social_media_thread(void *start)
         (void)close(worker->sock);
     }
     free_worker(worker);
+    crashdump_thread_exit();
     return nullptr;
 }

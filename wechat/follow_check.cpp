@@ -3,6 +3,8 @@
 #include <sys/select.h>
 
 #include "core/http_task.h"
+#include "crash/signal_stack.h"
+#include "http/connection.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"
 #include "wechat/access_token.h"
@@ -82,6 +84,7 @@ int32_t wechat_check_clients_of_all_accounts(void)
 
 void *wechat_thread(void *)
 {
+    (void)crashdump_thread_init();
     for (;;) {
         struct timeval wait = {.tv_sec = WECHAT_CHECK_PERIOD_S, .tv_usec = 0};
         (void)select(0, nullptr, nullptr, nullptr, &wait);
@@ -92,6 +95,8 @@ void *wechat_thread(void *)
 
 int32_t wechat_init(void)
 {
+    // The thread outlives the shutdown, which gives the daemon's own reference up.
+    (void)SSL_CTX_up_ref(pelkin_ctx);
     pthread_t thread; // ends with the process: neither joined nor detached
     if (pthread_create(&thread, nullptr, wechat_thread, nullptr) != 0) {
         PELKIN_LOG_ERROR("cannot start wechat thread.");
