@@ -2,14 +2,9 @@
 // station manager's socket receives for an answer.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string.h>
-#include <string>
+#include <memory>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #include "log/log.h"
 #include "social/fbauth.h"
@@ -17,75 +12,25 @@
 #include "social/reauth_report.h"
 #include "social/reauth_request.h"
 #include "social/station_removal.h"
+#include "tests/support/requester.h"
+#include "tests/support/social_batch.h"
 
-using Bytes = std::vector<uint8_t>;
+using support::batch_answer;
+using support::batch_body;
+using support::make_batch;
+using support::make_tokens;
+using support::Report;
+using support::report_bytes;
 
-static const size_t HEAD_SIZE = 264;
-static const size_t STA_SIZE = 80;
-static const uint16_t TAG = 0xBEEF;
+static const size_t HEAD_SIZE = support::BATCH_HEAD_SIZE;
+static const size_t STA_SIZE = support::BATCH_STA_SIZE;
 
-static void put(Bytes &bytes, size_t offset, const std::string &text)
-{
-    memcpy(bytes.data() + offset, text.data(), text.size());
-}
-
-static void put32(Bytes &bytes, size_t offset, uint32_t value)
-{
-    memcpy(bytes.data() + offset, &value, sizeof value);
-}
-
-// A batch with nothing behind its last station, so that a sanitizer sees every read too far. The
-// address of station i ends in i, its counters are UINT32_MAX - i and i.
-static Bytes make_batch(const std::vector<std::string> &tokens, int32_t sta_num,
-                        const std::string &secret = "s")
-{
-    Bytes bytes(HEAD_SIZE + STA_SIZE * std::max<size_t>(tokens.size(), 1));
-    memcpy(bytes.data(), &TAG, sizeof TAG);
-    put(bytes, 2, std::string(129, 'x'));
-    put(bytes, 131, secret);
-    put32(bytes, 260, (uint32_t)sta_num);
-    for (size_t i = 0; i < tokens.size(); i++) {
-        const size_t start = HEAD_SIZE + i * STA_SIZE;
-        put(bytes, start, tokens[i]);
-        bytes[start + 69] = (uint8_t)(i >> 8);
-        bytes[start + 70] = (uint8_t)i;
-        put32(bytes, start + 72, UINT32_MAX - (uint32_t)i);
-        put32(bytes, start + 76, (uint32_t)i);
-    }
-    return bytes;
-}
-
-static Bytes make_batch(const std::vector<std::string> &tokens)
-{
-    return make_batch(tokens, (int32_t)tokens.size());
-}
-
-static const reauth_attr *batch_of(const Bytes &bytes)
+static const reauth_attr *batch_of(const std::string &bytes)
 {
     return reinterpret_cast<const reauth_attr *>(bytes.data());
 }
 
-static std::vector<std::string> make_tokens(int count, int width)
-{
-    std::vector<std::string> tokens;
-    for (int i = 0; i < count; i++) {
-        const std::string number = std::to_string(i);
-        tokens.push_back(std::string((size_t)width - number.size(), 't') + number);
-    }
-    return tokens;
-}
-
-static std::string expected_body(const std::vector<std::string> &tokens)
-{
-    std::string body = "secret=s&tokens={";
-    for (size_t i = 0; i < tokens.size(); i++) {
-        body += (i > 0 ? ",\"" : "\"") + tokens[i] + "\":{\"incoming\":\"" +
-                std::to_string(UINT32_MAX - i) + "\",\"outgoing\":\"" + std::to_string(i) + "\"}";
-    }
-    return body + "}";
-}
-
-static std::string build(const Bytes &batch, size_t size = PELKIN_MSG_MAX)
+static std::string build(const std::string &batch, size_t size = PELKIN_MSG_MAX)
 {
     std::vector<char> out(size);
     EXPECT_EQ(pelkin_build_reauth_data(out.data(), size, batch_of(batch)), 0);
@@ -96,17 +41,17 @@ TEST(ReauthBody, EveryStationOnceAndACommaBetween)
 {
     for (const int count : {1, 3, REAUTH_STA_MAX}) {
         const std::vector<std::string> tokens = make_tokens(count, 8);
-        EXPECT_EQ(build(make_batch(tokens)), expected_body(tokens));
+        EXPECT_EQ(build(make_batch(tokens)), batch_body(tokens));
     }
     for (const int32_t below_one : {0, -1, INT32_MIN}) {
-        EXPECT_EQ(build(make_batch({"a", "b"}, below_one)), expected_body({"a"}));
+        EXPECT_EQ(build(make_batch({"a", "b"}, below_one)), batch_body({"a"}));
     }
 }
 
 TEST(ReauthBody, TooLongATextEndsAtEachLimit)
 {
     const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
-    const std::string whole = expected_body(tokens);
+    const std::string whole = batch_body(tokens);
     const size_t entries = whole.find('{') + 1;
     EXPECT_EQ(build(make_batch(tokens)), whole.substr(0, PELKIN_MSG_MAX - 1));
     EXPECT_EQ(build(make_batch(tokens), 90000), whole.substr(0, entries + 65535) + "}");
@@ -116,8 +61,8 @@ TEST(ReauthBody, TooLongATextEndsAtEachLimit)
 TEST(ReauthBody, FieldsEndWithoutTheirNul)
 {
     EXPECT_EQ(build(make_batch({"a"}, 1, std::string(128, '&'))).find("&tokens="),
-              strlen("secret=") + 3 * 128);
-    const Bytes batch = make_batch({std::string(65, 'T')}, 1, std::string(129, 'S'));
+              strlen("secret=") + 384);
+    const std::string batch = make_batch({std::string(65, 'T')}, 1, std::string(129, 'S'));
     const std::string body = build(batch);
     EXPECT_EQ(body.substr(0, body.find(":{")),
               "secret=" + std::string(129, 'S') + "&tokens={\"" + std::string(65, 'T') + "\"");
@@ -134,15 +79,14 @@ TEST(ReauthBatch, NumberOfStationsIsCutToWhatArrived)
                  {1, HEAD_SIZE + STA_SIZE - 1, 0},     {1, 10, 0},
                  {0, HEAD_SIZE + STA_SIZE, 0},         {-5, HEAD_SIZE, -5}};
     for (const auto &row : cases) {
-        Bytes batch = make_batch({}, row.claimed);
+        std::string batch = make_batch({}, row.claimed);
         auto *attrs = reinterpret_cast<reauth_attr *>(batch.data());
         pelkin_cut_reauth_attr(attrs, row.length);
         EXPECT_EQ(attrs->sta_num, row.kept) << row.claimed << " claimed, length " << row.length;
     }
 }
 
-// Stands for the station manager and gives the daemon's request socket a file descriptor whose
-// sends never wait.
+// The station manager, and a request socket whose sends never wait.
 class StationManager : public testing::Test
 {
   protected:
@@ -150,65 +94,23 @@ class StationManager : public testing::Test
     {
         tu_pelkin_fltlog = 1;
         pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        serve();
+        kivren = std::make_unique<support::Requester>(KIVREN_SOCKET_PATH);
     }
 
     void TearDown() override
     {
-        leave();
         close(pelkin_sock);
         pelkin_sock = -1;
     }
 
-    void serve()
+    // What is there at once; "" when nothing is.
+    std::string receive() const
     {
-        kivren = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strcpy(address.sun_path, KIVREN_SOCKET_PATH);
-        ASSERT_EQ(bind(kivren, (const sockaddr *)&address, sizeof address), 0);
+        return kivren->receive(0).value_or("");
     }
 
-    void leave()
-    {
-        close(kivren);
-        unlink(KIVREN_SOCKET_PATH);
-    }
-
-    // What is there at once; empty when nothing is.
-    Bytes receive()
-    {
-        Bytes message(70000);
-        const ssize_t length = recv(kivren, message.data(), message.size(), 0);
-        message.resize(length > 0 ? (size_t)length : 0);
-        return message;
-    }
-
-    int kivren = -1;
+    std::unique_ptr<support::Requester> kivren;
 };
-
-// Station and verdict of each entry.
-using Report = std::vector<std::pair<int, int>>;
-
-static Bytes report_bytes(const Report &report)
-{
-    if (report.empty()) {
-        return {};
-    }
-    const auto count = (uint32_t)report.size();
-    Bytes bytes(20 + 12 * report.size());
-    bytes[1] = 0x15;
-    put32(bytes, 4, 0x15000003);
-    put32(bytes, 8, 8 + 12 * count);
-    memcpy(bytes.data() + 12, &TAG, sizeof TAG);
-    put32(bytes, 16, count);
-    for (size_t i = 0; i < report.size(); i++) {
-        put32(bytes, 20 + 12 * i, (uint32_t)report[i].second);
-        bytes[20 + 12 * i + 8] = (uint8_t)(report[i].first >> 8);
-        bytes[20 + 12 * i + 9] = (uint8_t)report[i].first;
-    }
-    return bytes;
-}
 
 using ReauthAnswer = StationManager;
 
@@ -254,7 +156,7 @@ TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
         {"{\"error\":\"busy\"}", {}},
         {"", {}},
     };
-    const Bytes batch = make_batch({"a", "b", "twin", "twin"});
+    const std::string batch = make_batch({"a", "b", "twin", "twin"});
     for (const auto &[answer, report] : cases) {
         EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size()),
                   0);
@@ -262,19 +164,10 @@ TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
     }
 }
 
-static std::string make_answer(const std::vector<std::string> &tokens)
-{
-    std::string answer = "{\"tokens\":{";
-    for (const std::string &token : tokens) {
-        answer += (token == tokens.front() ? "\"" : ",\"") + token + "\":{\"valid\":true}";
-    }
-    return answer + "}}";
-}
-
 TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
 {
     const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
-    const Bytes batch = make_batch(tokens);
+    const std::string batch = make_batch(tokens);
     std::vector<std::string> shuffled;
     Report report;
     for (int i = 0; i < 700; i++) {
@@ -282,12 +175,12 @@ TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
         shuffled.push_back(tokens[(size_t)station]);
         report.emplace_back(station, 1);
     }
-    std::string answer = make_answer(shuffled);
+    std::string answer = batch_answer(shuffled, "true");
     (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
     EXPECT_EQ(receive(), report_bytes(report));
 
     // 82 bytes an entry: the cut lies within the token of station 749.
-    answer = make_answer(tokens).substr(0, PELKIN_MSG_MAX - 1);
+    answer = batch_answer(tokens, "true").substr(0, PELKIN_MSG_MAX - 1);
     report.clear();
     for (int station = 0; station < 749; station++) {
         report.emplace_back(station, 1);
@@ -295,7 +188,7 @@ TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
     (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
     EXPECT_EQ(receive(), report_bytes(report));
 
-    answer = make_answer(std::vector<std::string>(5200, "a"));
+    answer = batch_answer(std::vector<std::string>(5200, "a"), "true");
     (void)pelkin_check_reauth_resp(batch_of(make_batch({"a"})), answer.c_str(), 0);
     EXPECT_EQ(receive(), report_bytes(Report(5118, {0, 1})));
 }
@@ -303,15 +196,15 @@ TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
 TEST_F(ReauthAnswer, BatchWithoutStationsIsNeverReported)
 {
     for (const int32_t below_one : {0, -1}) {
-        const Bytes batch = make_batch({"a"}, below_one);
+        const std::string batch = make_batch({"a"}, below_one);
         (void)pelkin_check_reauth_resp(batch_of(batch), "{\"tokens\":{\"a\":{\"valid\":true}}}", 0);
-        EXPECT_EQ(receive(), Bytes());
+        EXPECT_EQ(receive(), "");
     }
 }
 
 TEST_F(ReauthAnswer, NullArgumentsAreRefused)
 {
-    const Bytes batch = make_batch({"a"});
+    const std::string batch = make_batch({"a"});
     static reauth_resp out;
     char body[8];
     EXPECT_EQ(pelkin_build_reauth_data(nullptr, 8, batch_of(batch)), -1);
@@ -326,12 +219,12 @@ TEST_F(ReauthAnswer, NullArgumentsAreRefused)
 
 TEST_F(ReauthAnswer, LostReportIsToldAndTheNextOneArrives)
 {
-    const Bytes batch = make_batch({"a"});
+    const std::string batch = make_batch({"a"});
     static const char answer[] = "{\"tokens\":{\"a\":{\"valid\":false}}}";
-    leave();
+    kivren.reset();
     EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
     EXPECT_STREQ(tu_tmpbuf, "Failed to send reauth response.");
-    serve();
+    kivren = std::make_unique<support::Requester>(KIVREN_SOCKET_PATH);
     EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
     EXPECT_STREQ(tu_tmpbuf, "Success to send request to kivren.");
     EXPECT_EQ(receive(), report_bytes({{0, 0}}));
@@ -362,9 +255,9 @@ TEST_F(FbauthAnswer, OnlyExactlyFalseRemovesTheStation)
     for (const auto &row : cases) {
         EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, row.answer), row.result) << row.answer;
         EXPECT_STREQ(tu_tmpbuf, row.said) << row.answer;
-        EXPECT_EQ(receive(), Bytes()) << row.answer;
+        EXPECT_EQ(receive(), "") << row.answer;
     }
-    const Bytes removal = {0, 0x15, 0, 0, 0x0B, 0, 0, 3, 6, 0, 0, 0, 2, 0, 0, 0xAA, 0xBB, 0xFF};
+    const std::string removal("\0\x15\0\0\x0B\0\0\x03\x06\0\0\0\x02\0\0\xAA\xBB\xFF", 18);
     for (const char *answer : {"{\"valid\":false}", " \n{\"a\":1,\"b\":{\"valid\":false}}",
                                "{\"valid\":false", "{\"valid\":false}{\"valid\":true}"}) {
         EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, answer), 0) << answer;
