@@ -21,10 +21,10 @@ void pelkin_print_http_req_msg(const struct http_req_msg *request)
     if (request == nullptr) {
         return;
     }
-    PELKIN_LOG_DEBUG("HTTP request message: resp_method[%d] http_req_type[%d] url[%.*s] "
-                     "file_path[%.*s] len[%d]",
-                     (int)request->resp_method, (int)request->http_req_type, FIELD(request->url),
-                     FIELD(request->file_path), (int)request->len);
+    PELKIN_LOG_DEBUG_SUPERSEDED("HTTP request message: resp_method[%d] http_req_type[%d] url[%.*s] "
+                                "file_path[%.*s] len[%d]",
+                                (int)request->resp_method, (int)request->http_req_type,
+                                FIELD(request->url), FIELD(request->file_path), (int)request->len);
 }
 
 static bool starts_with(const char *text, size_t length, const char *prefix, size_t prefix_length)
@@ -186,8 +186,8 @@ int32_t pelkin_rcv_ipc_msg(void *message, int32_t received_length,
                         (int)(header->len + sizeof *header), received_length);
         return -1;
     }
-    PELKIN_LOG_DEBUG("Received msg from module %d, len = %u, id = %0#10x", header->src_module,
-                     header->len, header->msg_id);
+    PELKIN_LOG_DEBUG_SUPERSEDED("Received msg from module %d, len = %u, id = %0#10x",
+                                header->src_module, header->len, header->msg_id);
     switch (header->msg_id) {
     case KIVREN_MSG_DEL_STA_RESP:
         PELKIN_LOG_DEBUG("this should be reply of del sta request. no need to process it");

@@ -289,7 +289,7 @@ static int32_t reconnect(int32_t *sock, SSL *tls, const struct http_task *task)
 static int32_t cut_head(char *response, int32_t *length)
 {
     static const char blank_line[] = "\r\n\r\n";
-    PELKIN_LOG_DEBUG("Recv http response: [len=%d] %s", *length, response);
+    PELKIN_LOG_DEBUG_SUPERSEDED("Recv http response: [len=%d] %s", *length, response);
     const char *found = strstr(response, blank_line);
     if (found == nullptr) {
         *length = 0;

@@ -89,8 +89,9 @@ static inline int pelkin_log_copied(void)
 #define PELKIN_LOG_DEBUG(...) PELKIN_LOG_(TU_LEVEL_DEBUG, __VA_ARGS__)
 
 /*
- * For a statement whose filter-log copy the thread's next statement replaces before anything else
- * happens: when the line is not printed, the copy that nobody could see is not made either.
+ * For a statement on the road of every request that is always followed by another one of the same
+ * thread, with no wait in between: its filter-log copy would be replaced before anyone could look
+ * at it, so it is not made. The line is printed as any other.
  */
 #define PELKIN_LOG_DEBUG_SUPERSEDED(...)                                                           \
     PELKIN_LOG_STATEMENT_(pelkin_log_printed(TU_LEVEL_DEBUG), TU_LEVEL_DEBUG, __VA_ARGS__)

@@ -21,11 +21,11 @@ extern "C" {
 #endif
 
 #define SMART_TTY_SERVICE_PATH "/tmp/ttylog.msg"
-#define SMART_TTY_NAME_SIZE 32     /* process and model names, the NUL included */
-#define SMART_TTY_MODELS 32        /* entries of a record's model table */
-#define SMART_TTY_MODEL_LONGEST 24 /* characters of a model name that takes part in registration   \
-                                    */
-#define SMART_TTY_TEXT_MAX 4051    /* bytes of text in one record */
+#define SMART_TTY_NAME_SIZE 32 /* process and model names, the NUL included */
+#define SMART_TTY_MODELS 32    /* entries of a record's model table */
+/* Characters of a model name that takes part in registration. */
+#define SMART_TTY_MODEL_LONGEST 24
+#define SMART_TTY_TEXT_MAX 4051 /* bytes of text in one record */
 #define SMART_TTY_HEADER_SIZE 44
 #define SMART_TTY_KIND 2
 #define SMART_TTY_FACILITY 0x80u /* syslog facility local0, RFC 5424, 6.2.1: 16 << 3 */

@@ -170,7 +170,6 @@ static void deliver(const struct worker *worker)
 static int32_t perform_task(struct worker *worker)
 {
     const struct http_task *task = &worker->task;
-    // The task's own line, right behind, replaces this one's copy.
     PELKIN_LOG_DEBUG_SUPERSEDED("thread %s:%d received a task, current available task slots %d",
                                 worker->host, pelkin_port(worker->is_https),
                                 pelkin_count_task_slots(worker->sem_id));
@@ -184,7 +183,7 @@ static int32_t perform_task(struct worker *worker)
         PELKIN_LOG_ERROR("Send/Recv http(s) failed.");
         return -1;
     }
-    PELKIN_LOG_DEBUG("rcv: len[%d], buf[%s]", worker->response_length, worker->response);
+    PELKIN_LOG_DEBUG_SUPERSEDED("rcv: len[%d], buf[%s]", worker->response_length, worker->response);
     deliver(worker);
     clear_data(worker);
     PELKIN_LOG_DEBUG("thread %s:%d finished task (msg_id:%0x) processing", worker->host,
