@@ -30,7 +30,7 @@ static int64_t milliseconds_now(void)
     sigset_t none;
     (void)setpgid(0, 0);
     (void)sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+    (void)pthread_sigmask(SIG_SETMASK, &none, nullptr);
     (void)execve("/bin/sh", arguments, environ);
     (void)execve("/bin/sh", arguments, bare_environment); // the environment may be overwritten
     _exit(127);

@@ -14,6 +14,7 @@ static const uint32_t SEGMENTS_MOST = 256;
 static const uint32_t DYNAMIC_ENTRIES_MOST = 1024;
 static const uint32_t SYMBOLS_MOST = 1u << 22;
 
+static const uintptr_t PAGE = 4096;
 static const uint32_t SYMBOLS_PER_READ = 32;
 static const uint32_t BUCKETS_PER_READ = 128;
 
@@ -64,6 +65,14 @@ static int32_t find_segments(const struct link_map *map, bool is_program, struct
     return 0;
 }
 
+// Segments are mapped in whole pages; `offset` is from the object's load address.
+static bool holds(const ElfW(Phdr) * segment, uintptr_t offset)
+{
+    const uintptr_t first = segment->p_vaddr / PAGE;
+    const uintptr_t last = (segment->p_vaddr + segment->p_memsz - 1) / PAGE;
+    return segment->p_memsz != 0 && offset / PAGE >= first && offset / PAGE <= last;
+}
+
 // The flags (PF_R and so on) of the segment that contains `address`; 0 when none does.
 static uint32_t segment_flags(const struct link_map *map, bool is_program, uintptr_t address)
 {
@@ -77,8 +86,7 @@ static uint32_t segment_flags(const struct link_map *map, bool is_program, uintp
             0) {
             return 0;
         }
-        if (segment.p_type == PT_LOAD &&
-            address - map->l_addr - segment.p_vaddr < segment.p_memsz) {
+        if (segment.p_type == PT_LOAD && holds(&segment, address - map->l_addr)) {
             return segment.p_flags;
         }
     }
@@ -201,7 +209,8 @@ static uint32_t count_symbols(const struct symbol_tables *tables)
 static bool covers(const ElfW(Sym) * symbol, uintptr_t offset)
 {
     // The type is in the same bits in both ELF classes.
-    if (symbol->st_shndx == SHN_UNDEF || ELF32_ST_TYPE(symbol->st_info) == STT_TLS) {
+    if (symbol->st_shndx == SHN_UNDEF || symbol->st_shndx == SHN_ABS ||
+        ELF32_ST_TYPE(symbol->st_info) == STT_TLS) {
         return false;
     }
     const uintptr_t distance = offset - symbol->st_value;

@@ -6,9 +6,9 @@
 
 static const int64_t DAY = 86400;
 static const int64_t START_OF_2020 = 1577836800;
-static const int64_t YEARS_AHEAD = 20 * 366 * DAY;
+static const int64_t YEARS_AHEAD = DAY * 366 * 20;
 // No zone changes its offset twice within this time.
-static const int64_t PROBE_STEP = 7 * DAY;
+static const int64_t PROBE_STEP = DAY * 7;
 static const uint32_t OFFSETS_MOST = 128;
 
 // The zone's offset from UTC in seconds, from a time on.
