@@ -61,7 +61,7 @@ TEST(ReauthBody, TooLongATextEndsAtEachLimit)
 TEST(ReauthBody, FieldsEndWithoutTheirNul)
 {
     EXPECT_EQ(build(make_batch({"a"}, 1, std::string(128, '&'))).find("&tokens="),
-              strlen("secret=") + 384);
+              strlen("secret=") + 384); // three for each of 128
     const std::string batch = make_batch({std::string(65, 'T')}, 1, std::string(129, 'S'));
     const std::string body = build(batch);
     EXPECT_EQ(body.substr(0, body.find(":{")),
@@ -71,13 +71,13 @@ TEST(ReauthBody, FieldsEndWithoutTheirNul)
 TEST(ReauthBatch, NumberOfStationsIsCutToWhatArrived)
 {
     static const struct {
-        int32_t claimed;
         size_t length;
+        int32_t claimed;
         int32_t kept;
-    } cases[] = {{2, HEAD_SIZE + 2 * STA_SIZE, 2},     {3, HEAD_SIZE + 2 * STA_SIZE, 2},
-                 {2, HEAD_SIZE + 2 * STA_SIZE - 1, 1}, {INT32_MAX, PELKIN_MSG_MAX, REAUTH_STA_MAX},
-                 {1, HEAD_SIZE + STA_SIZE - 1, 0},     {1, 10, 0},
-                 {0, HEAD_SIZE + STA_SIZE, 0},         {-5, HEAD_SIZE, -5}};
+    } cases[] = {{HEAD_SIZE + 2 * STA_SIZE, 2, 2},     {HEAD_SIZE + 2 * STA_SIZE, 3, 2},
+                 {HEAD_SIZE + 2 * STA_SIZE - 1, 2, 1}, {PELKIN_MSG_MAX, INT32_MAX, REAUTH_STA_MAX},
+                 {HEAD_SIZE + STA_SIZE - 1, 1, 0},     {10, 1, 0},
+                 {HEAD_SIZE + STA_SIZE, 0, 0},         {HEAD_SIZE, -5, -5}};
     for (const auto &row : cases) {
         std::string batch = make_batch({}, row.claimed);
         auto *attrs = reinterpret_cast<reauth_attr *>(batch.data());
