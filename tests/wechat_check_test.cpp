@@ -14,7 +14,6 @@
 
 #include "http/connection.h"
 #include "pool/minute_clock.h"
-#include "tests/support/daemon.h"
 #include "tests/support/requester.h"
 #include "tests/support/server.h"
 #include "wechat/follow_check.h"
@@ -146,7 +145,7 @@ TEST_F(WeChatCheck, DueClientsGoInThreeExactBatchesAndOthersWait)
         "0\r\n\r\n"};
     for (const std::string &text :
          {batch_body(1, 100), batch_body(101, 200), batch_body(201, 250)}) {
-        expected.push_back(post + std::to_string(text.size()) + "\r\n\r\n" + text);
+        expected.push_back(numbered(post, (int)text.size()).append("\r\n\r\n").append(text));
     }
     EXPECT_EQ(requests, expected);
     EXPECT_EQ(server.connections, 4);
@@ -242,7 +241,7 @@ TEST_F(WeChatCheck, SecretReplacedDuringARefreshIsUsedByTheNextCheck)
 
 TEST_F(WeChatCheck, RequestsAtFullRateDuringPassesAreAllChecked)
 {
-    const int clients = support::is_sanitized() ? 4000 : 20000;
+    const int clients = 20000;
     std::atomic<int> asked = 0;
     body = [&asked](const std::string &request) {
         size_t at = 0;
@@ -252,7 +251,7 @@ TEST_F(WeChatCheck, RequestsAtFullRateDuringPassesAreAllChecked)
         return is_token_request(request) ? TOKEN_ANSWER : user_info(entry(1, "o1"));
     };
     std::atomic<bool> finished = false;
-    std::thread main_thread([clients, &finished] {
+    std::thread main_thread([&finished] {
         for (int i = 0; i < clients; i++) {
             register_client(numbered("o", i), numbered("app", i % 200),
                             i % 1000 < 200 ? "odd" : "even");
