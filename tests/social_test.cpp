@@ -128,7 +128,7 @@ TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
         {open + "\"twin\":{\"valid\":true}}}", {{2, 1}}},
         {open + "\"c\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
         {open + "\"c\":{\"valid\":true}}}", {}},
-        {open + "\"A\":{\"valid\":true},\"aa\":{\"valid\":true}}}", {}},
+        {open + "\"A\":{\"valid\":true},\"aa\":{\"valid\":true},\"twi\":{\"valid\":true}}}", {}},
         {open + "\"a\":{\"valid\":null},\"a\":{\"valid\":0},\"b\":{\"valid\":False}}}",
          {{0, 1}, {0, 1}, {1, 1}}},
         // White space: an empty result, a value of five characters, a value that is too long.
@@ -156,7 +156,7 @@ TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
         {"{\"error\":\"busy\"}", {}},
         {"", {}},
     };
-    const std::string batch = make_batch({"a", "b", "twin", "twin"});
+    const std::string batch = make_batch({"a", "b", "twin", "twin", std::string(64, 'a')});
     for (const auto &[answer, report] : cases) {
         EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size()),
                   0);
@@ -195,9 +195,12 @@ TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
 
 TEST_F(ReauthAnswer, BatchWithoutStationsIsNeverReported)
 {
+    static const char answer[] = "{\"tokens\":{\"a\":{\"valid\":true}}}";
+    static reauth_resp out;
     for (const int32_t below_one : {0, -1}) {
         const std::string batch = make_batch({"a"}, below_one);
-        (void)pelkin_check_reauth_resp(batch_of(batch), "{\"tokens\":{\"a\":{\"valid\":true}}}", 0);
+        EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), answer, &out), -1);
+        EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
         EXPECT_EQ(receive(), "");
     }
 }
