@@ -6,12 +6,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "tests/support/wait.h"
 
 namespace support
 {
@@ -70,6 +74,33 @@ bool Connection::wait_for_close()
 {
     char byte = 0;
     return fd < 0 || read_some(*this, &byte, 1) <= 0;
+}
+
+// As /proc/net/tcp writes an end of a connection.
+static std::string table_text(const sockaddr_in &end)
+{
+    char text[32];
+    (void)std::snprintf(text, sizeof text, "%08X:%04X", end.sin_addr.s_addr, ntohs(end.sin_port));
+    return text;
+}
+
+void Connection::wait_until_read() const
+{
+    sockaddr_in own = {};
+    sockaddr_in client = {};
+    socklen_t length = sizeof own;
+    (void)getsockname(fd, (sockaddr *)&own, &length);
+    (void)getpeername(fd, (sockaddr *)&client, &length);
+    // Its line goes on with " ST TTTTTTTT:RRRRRRRR": state, send queue, receive queue.
+    const std::string ends = table_text(client) + " " + table_text(own);
+    (void)wait_until([&] {
+        const std::string table = read_file("/proc/net/tcp");
+        const size_t at = table.find(ends);
+        int unacknowledged = 1;
+        (void)ioctl(fd, SIOCOUTQ, &unacknowledged);
+        return at == std::string::npos ||
+               (unacknowledged == 0 && table.substr(at + ends.size() + 13, 8) == "00000000");
+    });
 }
 
 // The descriptor stays open until the server has forgotten it: see run_connection().

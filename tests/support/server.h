@@ -26,6 +26,8 @@ struct Connection {
     bool send(std::string_view bytes);
     /* Waits until the client closes or sends something: true when it closed. */
     bool wait_for_close();
+    /* Waits until the client's process has read all that was sent. */
+    void wait_until_read() const;
     /* Closes in an orderly way (with a TLS close message); or ends with a TCP reset, which goes out
      * when the script returns. Nothing can be sent after either. */
     void close();

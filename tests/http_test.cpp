@@ -1,0 +1,468 @@
+// Requests byte by byte, where an answer ends, and exchanges over real connections, plain and TLS.
+#include <arpa/inet.h>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <poll.h>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+
+#include "core/http_task.h"
+#include "http/answer_framing.h"
+#include "http/connection.h"
+#include "http/exchange.h"
+#include "http/request.h"
+#include "tests/support/server.h"
+#include "tests/support/wait.h"
+
+using namespace support;
+
+namespace
+{
+
+constexpr int32_t RESPONSE_SIZE = PELKIN_MSG_MAX;
+
+// One owner of a connection, as a worker is.
+struct Client {
+    Client(bool is_https, const std::string &host)
+    {
+        task->is_https = is_https ? 1 : 0;
+        task->http_req_type = PELKIN_HTTP_POST;
+        host.copy(task->host, sizeof task->host - 1);
+        std::strcpy(task->path, "/p");
+        tls = is_https ? pelkin_create_ssl(pelkin_ctx) : nullptr;
+    }
+    ~Client()
+    {
+        (void)close(sock);
+        SSL_free(tls);
+    }
+    int32_t connect()
+    {
+        sock = pelkin_create_tcp_socket();
+        return pelkin_connect_tcp_socket(sock, tls, task->host, pelkin_port(task->is_https));
+    }
+    int32_t exchange(const std::string &text)
+    {
+        std::memset(task->data, 0, sizeof task->data);
+        text.copy((char *)task->data, HTTP_TASK_DATA_MAX);
+        response.assign(RESPONSE_SIZE, '#');
+        int32_t length = 0;
+        const int32_t rc =
+            _pelkin_send_recv(&sock, tls, task.get(), response.data(), RESPONSE_SIZE, &length);
+        if (rc == 0) {
+            EXPECT_EQ(response[(size_t)length], '\0') << "the text's end";
+        }
+        response.resize((size_t)length);
+        return rc;
+    }
+    std::unique_ptr<struct http_task> task{new struct http_task()};
+    SSL *tls = nullptr;
+    int32_t sock = -1;
+    std::string response;
+};
+
+struct Http : testing::Test {
+    static void SetUpTestSuite()
+    {
+        (void)signal(SIGPIPE, SIG_IGN);
+        pelkin_ctx = pelkin_create_ctx();
+    }
+    static void TearDownTestSuite()
+    {
+        SSL_CTX_free(pelkin_ctx);
+    }
+};
+
+} // namespace
+
+TEST(HttpRequest, TextsByteByByte)
+{
+    static const char lines[] = "Host: h.example:8080\r\nConnection: keep-alive\r\n"
+                                "User-Agent: pelkin\r\n"
+                                "Content-type: application/x-www-form-urlencoded\r\n"
+                                "Content-Length: ";
+    static const struct {
+        uint32_t type;
+        const char *text;
+        std::string start, end;
+    } cases[] = {
+        {1, "a=1&b=2", "POST /x?y HTTP/1.0\r\n", "7\r\n\r\na=1&b=2"},
+        {1, "", "POST /x?y HTTP/1.0\r\n", "0\r\n\r\n"},
+        {0, "a=%s%n b", "GET /x?y?a=%s%n b HTTP/1.0\r\n", "0\r\n\r\n"},
+        {2, "", "GET /x?y HTTP/1.0\r\n", "0\r\n\r\n"},
+    };
+    auto task = std::make_unique<struct http_task>();
+    std::strcpy(task->host, "h.example:8080");
+    std::strcpy(task->path, "/x?y");
+    for (const auto &one : cases) {
+        task->http_req_type = one.type;
+        std::strcpy((char *)task->data, one.text);
+        char output[1024];
+        int32_t length = 0;
+        EXPECT_EQ(pelkin_build_http_req(task.get(), output, sizeof output, &length), 0);
+        EXPECT_EQ(std::string(output), one.start + lines + one.end);
+        EXPECT_EQ((size_t)length, std::strlen(output));
+    }
+}
+
+TEST(AnswerFraming, HeadAndBodyLengths)
+{
+    static const struct {
+        const char *text;
+        int32_t head, body;
+    } cases[] = {
+        {"", 0, -1},
+        {"HTTP/1.0 200 OK\r\nContent-Length: 5\r\n", 0, 5},
+        {"HTTP/1.0 200 OK\r\nContent-Length: 5\r\n\r\nab", 38, 5},
+        {"X\r\n\r\n", 5, -1},
+        {"X\n\n\r\n\r", 0, -1},
+        {"\r\n\r\n\r\n\r\n", 4, -1},
+        {"content-length: 5\r\n\r\n", 21, -1},
+        {"Content-Length:5\r\n\r\n", 20, -1},
+        {"Content-Length: x\r\n\r\n", 21, -1},
+        {"Content-Length: \r\n\r\n", 20, -1},
+        {"Content-Length: -7\r\n\r\n", 22, -7},
+        {"Content-Length:   12abc\r\n\r\n", 27, 12},
+        {"Content-Length: 99999999999\r\n\r\n", 31, INT_MAX},
+        {"Content-Length: -99999999999999999999\r\n\r\n", 41, INT_MIN},
+    };
+    for (const auto &one : cases) {
+        EXPECT_EQ(pelkin_get_http_head_len(one.text), one.head) << one.text;
+        EXPECT_EQ(pelkin_get_http_data_len(one.text), one.body) << one.text;
+    }
+    EXPECT_EQ(pelkin_get_http_head_len(nullptr), -1);
+    EXPECT_EQ(pelkin_get_http_data_len(nullptr), -1);
+}
+
+namespace
+{
+
+struct Step {
+    std::string expected; // what the exchange leaves in the response
+    int32_t result = 0;
+    bool after_stray = false; // waits until unasked bytes, or the end, stand in the socket
+};
+
+struct ExchangeCase {
+    const char *name;
+    Script script;
+    std::vector<Step> steps; // the exchanges over one Client, in order
+    int connections;         // how many the server must have seen at the end
+};
+
+// The first connection goes as `first` says, every later one answers with its request's text.
+Script first_then_echo(std::function<void(Connection &)> first)
+{
+    return [first = std::move(first)](Connection &connection) {
+        if (connection.number == 1) {
+            first(connection);
+        } else {
+            serve_bodies(body_of)(connection);
+        }
+    };
+}
+
+// The first request of the first connection is answered with `bytes`, which then closes.
+Script bytes_then_close(const std::string &bytes)
+{
+    return first_then_echo([bytes](Connection &connection) {
+        (void)connection.read_request();
+        (void)connection.send(bytes);
+    });
+}
+
+// As above, but the connection stays open until the client has closed it.
+Script bytes_then_open(const std::string &bytes)
+{
+    return first_then_echo([bytes](Connection &connection) {
+        (void)connection.read_request();
+        (void)connection.send(bytes);
+        EXPECT_TRUE(connection.wait_for_close()) << "a further request on a spoilt connection";
+    });
+}
+
+std::string head_of(size_t body_length)
+{
+    const std::string whole = answer(std::string(body_length, 'x'));
+    return whole.substr(0, whole.size() - body_length);
+}
+
+// What fits when a body of `announced` bytes is cut at the buffer's end.
+std::string cut_body(size_t announced)
+{
+    return std::string((size_t)RESPONSE_SIZE - 1 - head_of(announced).size(), 'x');
+}
+
+std::vector<ExchangeCase> exchange_cases()
+{
+    // A body with which the whole answer fills the buffer to its last byte.
+    const size_t filling = (size_t)RESPONSE_SIZE - 1 - head_of(61000).size();
+    const std::string no_length = "HTTP/1.0 200 OK\r\n\r\n0123";
+    const std::string head_only = "HTTP/1.0 204 None\r\nContent-Length: 0\r\n\r\n";
+    std::vector<ExchangeCase> cases;
+    cases.push_back({"Pieces",
+                     first_then_echo([](Connection &connection) {
+                         while (!connection.read_request().empty()) {
+                             for (const char *piece : {"HTTP/1.0 200 OK\r\nContent-", "Length: 5\r",
+                                                       "\n\r", "\n", "ab", "cde"}) {
+                                 (void)connection.send(piece);
+                                 connection.wait_until_read();
+                             }
+                         }
+                     }),
+                     {{"abcde"}, {"abcde"}},
+                     1});
+    cases.push_back({"NoLength", bytes_then_close(no_length), {{"0123"}, {"1"}}, 2});
+    cases.push_back({"LowerCaseLength",
+                     bytes_then_close("HTTP/1.0 200 OK\r\ncontent-length: 2\r\n\r\n0123"),
+                     {{"0123"}, {"1"}},
+                     2});
+    cases.push_back({"NegativeLength",
+                     bytes_then_close("HTTP/1.0 200 OK\r\nContent-Length: -4\r\n\r\n0123"),
+                     {{"0123"}, {"1"}},
+                     2});
+    cases.push_back({"EnormousLength",
+                     bytes_then_close("HTTP/1.0 200 OK\r\nContent-Length: 99999999999\r\n\r\n0123"),
+                     {{"0123"}, {"1"}},
+                     2});
+    cases.push_back({"HeadOnly",
+                     first_then_echo([head_only](Connection &connection) {
+                         while (!connection.read_request().empty()) {
+                             (void)connection.send(head_only);
+                         }
+                     }),
+                     {{head_only}, {head_only}},
+                     1});
+    cases.push_back({"ExactlyFull",
+                     serve_bodies([filling](const std::string &request) {
+                         return body_of(request) == "0" ? std::string(filling, 'x') : "small";
+                     }),
+                     {{std::string(filling, 'x')}, {"small"}},
+                     1});
+    cases.push_back({"OneTooMany",
+                     bytes_then_open(answer(std::string(filling + 1, 'x'))),
+                     {{cut_body(filling + 1)}, {"1"}},
+                     2});
+    cases.push_back({"SeventyThousand",
+                     bytes_then_open(answer(std::string(70000, 'x'))),
+                     {{cut_body(70000)}, {"1"}},
+                     2});
+    cases.push_back({"NoLengthFillsTheBuffer",
+                     bytes_then_open("HTTP/1.0 200 OK\r\n\r\n" + std::string(70000, 'x')),
+                     {{std::string((size_t)RESPONSE_SIZE - 1 - 19, 'x')}, {"1"}},
+                     2});
+    cases.push_back(
+        {"HeadWithoutEnd", bytes_then_open(std::string(70000, 'x')), {{"", -1}, {"1"}}, 2});
+    cases.push_back({"NoBlankLine", bytes_then_close("HTTP/1.0 200 OK\r\n"), {{"", -1}, {"1"}}, 2});
+    cases.push_back({"ClosedBetweenTasks",
+                     first_then_echo([](Connection &connection) {
+                         (void)connection.send(answer(body_of(connection.read_request())));
+                     }),
+                     {{"0"}, {"1", 0, true}},
+                     2});
+    cases.push_back({"ResetBetweenTasks",
+                     first_then_echo([](Connection &connection) {
+                         (void)connection.send(answer(body_of(connection.read_request())));
+                         connection.wait_until_read();
+                         connection.reset();
+                     }),
+                     {{"0"}, {"1", 0, true}},
+                     2});
+    cases.push_back({"ResetInTheMiddle",
+                     first_then_echo([](Connection &connection) {
+                         (void)connection.read_request();
+                         (void)connection.send("HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\n0123");
+                         connection.wait_until_read();
+                         connection.reset();
+                     }),
+                     {{"0123"}, {"1"}},
+                     2});
+    cases.push_back(
+        {"SurplusBehindTheEnd", bytes_then_open(answer("0") + answer("stray")), {{"0"}, {"1"}}, 2});
+    cases.push_back({"BytesWaitBeforeTheRequest",
+                     first_then_echo([](Connection &connection) {
+                         (void)connection.send(answer(body_of(connection.read_request())));
+                         connection.wait_until_read();
+                         (void)connection.send(answer("stray"));
+                         EXPECT_TRUE(connection.wait_for_close()) << "a request behind a stray";
+                     }),
+                     {{"0"}, {"1", 0, true}},
+                     2});
+    cases.push_back({"ClosesWithoutAnAnswerForEver",
+                     [](Connection &connection) { (void)connection.read_request(); },
+                     {{"", -1}},
+                     4});
+    // The answer that was waited for in vain comes on the old connection, while the new one serves.
+    cases.push_back({"LateAnswerAfterSilence",
+                     first_then_echo([](Connection &connection) {
+                         (void)connection.read_request();
+                         (void)connection.send("HTTP/1.0 200 OK\r\nContent-Length: 9\r\n\r\n0123");
+                         (void)connection.wait_for_close();
+                         (void)connection.send("45678");
+                     }),
+                     {{"0123"}, {"1"}},
+                     2});
+    return cases;
+}
+
+void run_case(const ExchangeCase &one, bool tls, const std::string &address)
+{
+    SCOPED_TRACE(std::string(one.name) + (tls ? " TLS" : " plain"));
+    Server server({.address = address, .tls = tls}, one.script);
+    Client client(tls, address);
+    ASSERT_EQ(client.connect(), 0);
+    for (size_t i = 0; i < one.steps.size(); i++) {
+        const Step &step = one.steps[i];
+        if (step.after_stray) {
+            pollfd watched = {.fd = client.sock, .events = POLLIN, .revents = 0};
+            EXPECT_EQ(poll(&watched, 1, DEADLINE_S * 1000), 1);
+        }
+        EXPECT_EQ(client.exchange(std::to_string(i)), step.result) << "exchange " << i;
+        EXPECT_TRUE(client.response == step.expected)
+            << "exchange " << i << ": " << client.response.size() << " bytes, "
+            << client.response.substr(0, 60) << ", not " << step.expected.size() << " bytes, "
+            << step.expected.substr(0, 60);
+    }
+    EXPECT_EQ(server.connections, one.connections);
+    EXPECT_EQ(server.resumed, 0);
+}
+
+} // namespace
+
+// All cases side by side: the silent one takes its 10 seconds.
+TEST_F(Http, ExchangesEndWhereTheyShouldAndNoAnswerLeaksIntoTheNext)
+{
+    const std::vector<ExchangeCase> cases = exchange_cases();
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < cases.size(); i++) {
+        for (const bool tls : {false, true}) {
+            const std::string address = "127.0.1." + std::to_string(2 * i + 1 + (tls ? 1 : 0));
+            threads.emplace_back(run_case, cases[i], tls, address);
+        }
+    }
+    // Meanwhile: a server that never says a word costs four waits, and four connections.
+    Server silent({.address = "127.0.2.1"}, [](Connection &connection) {
+        (void)connection.read_request();
+        (void)connection.wait_for_close();
+    });
+    Client client(false, "127.0.2.1");
+    ASSERT_EQ(client.connect(), 0);
+    EXPECT_EQ(client.exchange("x"), -1);
+    EXPECT_EQ(silent.connections, 4);
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+}
+
+TEST_F(Http, LargestRequestGoesOutWhole)
+{
+    const std::string text(HTTP_TASK_DATA_MAX, 'q');
+    for (const bool tls : {false, true}) {
+        Server server({.tls = tls}, serve_bodies([](const std::string &request) {
+                          return std::to_string(body_of(request).size());
+                      }));
+        Client client(tls, "127.0.0.1");
+        ASSERT_EQ(client.connect(), 0);
+        EXPECT_EQ(client.exchange(text), 0);
+        EXPECT_EQ(client.response, std::to_string(text.size()));
+        EXPECT_EQ(client.exchange(""), 0);
+        EXPECT_EQ(client.response, "0") << "nothing of the large one is left";
+    }
+}
+
+TEST_F(Http, ServerGoneForGoodFailsAtTheReconnection)
+{
+    for (const bool tls : {false, true}) {
+        Server server({.tls = tls}, serve_bodies(body_of));
+        Client client(tls, "127.0.0.1");
+        ASSERT_EQ(client.connect(), 0);
+        EXPECT_EQ(client.exchange("x"), 0);
+        server.stop();
+        EXPECT_EQ(client.exchange("y"), -1);
+        EXPECT_EQ(server.connections, 1);
+    }
+}
+
+TEST_F(Http, OldAndNewServersAreAcceptedAndNeverResumed)
+{
+    static const struct {
+        int version;
+        const char *name;
+        int rsa_bits;
+        bool sha1;
+    } cases[] = {
+        {TLS1_VERSION, "TLSv1", 1024, true},
+        {TLS1_1_VERSION, "TLSv1.1", 1024, true},
+        {TLS1_2_VERSION, "TLSv1.2", 2048, false},
+        {TLS1_3_VERSION, "TLSv1.3", 0, false},
+    };
+    for (const auto &one : cases) {
+        Server server({.tls = true,
+                       .rsa_bits = one.rsa_bits,
+                       .sha1 = one.sha1,
+                       .lowest_version = one.version,
+                       .highest_version = one.version,
+                       .security_level = 0},
+                      [](Connection &connection) { // one answer a connection
+                          (void)connection.send(answer(body_of(connection.read_request())));
+                      });
+        Client client(true, "127.0.0.1");
+        ASSERT_EQ(client.connect(), 0) << one.name;
+        EXPECT_STREQ(SSL_get_version(client.tls), one.name);
+        for (int i = 0; i < 4; i++) {
+            EXPECT_EQ(client.exchange(std::to_string(i)), 0) << one.name;
+            EXPECT_EQ(client.response, std::to_string(i));
+        }
+        EXPECT_EQ(server.connections, 4);
+        EXPECT_EQ(server.resumed, 0) << one.name << ": a session was resumed";
+    }
+}
+
+TEST_F(Http, DescriptorBeyondASelectSetIsWaitedForAsAnyOther)
+{
+    const struct rlimit many = {.rlim_cur = 2048, .rlim_max = 4096};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
+    std::vector<int> taken;
+    while (taken.empty() || taken.back() < 1100) {
+        taken.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    for (const bool tls : {false, true}) {
+        Server server({.tls = tls}, serve_bodies(body_of));
+        Client client(tls, "127.0.0.1");
+        ASSERT_EQ(client.connect(), 0);
+        EXPECT_GT(client.sock, 1024);
+        EXPECT_EQ(client.exchange("beyond"), 0);
+        EXPECT_EQ(client.response, "beyond");
+        EXPECT_EQ(pelkin_wait_socket(client.sock, 0, 1000, PELKIN_WAIT_READABLE), 0);
+        EXPECT_EQ(pelkin_wait_socket(client.sock, 0, 1000, PELKIN_WAIT_WRITABLE), 1);
+        EXPECT_LT(pelkin_wait_socket(client.sock, 0, 1000, 3), 0);
+    }
+    for (const int fd : taken) {
+        (void)close(fd);
+    }
+    EXPECT_LT(pelkin_wait_socket(taken.back(), 1, 0, PELKIN_WAIT_READABLE), 0);
+}
+
+TEST_F(Http, WhatCannotBeConnectedIsRefused)
+{
+    Client client(false, "127.0.0.1:8080");
+    EXPECT_EQ(client.connect(), -1) << "a port suffix is part of the name";
+    EXPECT_EQ(pelkin_connect_tcp_socket(-1, nullptr, "127.0.0.1", 80), -1);
+    EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, nullptr, 80), -1);
+    EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "127.0.0.1", 0), -1);
+    EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "no.such.host.invalid", 80), -1);
+    EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "127.0.0.1", 80), -1) << "refused";
+    // A TLS client meets a server that speaks no TLS.
+    Server server({.port = 443}, [](Connection &connection) {
+        (void)connection.wait_for_close();
+        (void)connection.send("HTTP/1.0 400 What\r\n\r\n");
+    });
+    Client tls_client(true, "127.0.0.1");
+    EXPECT_EQ(tls_client.connect(), -1);
+}
