@@ -75,18 +75,17 @@ static bool is_known_daemon(const char *base)
 // skipped.
 static bool read_line(FILE *file, char line[LINE_SIZE])
 {
-    if (fgets(line, LINE_SIZE, file) == nullptr) {
+    int character = getc(file);
+    if (character == EOF) {
         return false;
     }
-    char *line_break = strchr(line, '\n');
-    if (line_break != nullptr) {
-        *line_break = '\0';
-        return true;
+    size_t length = 0;
+    for (; character != '\n' && character != EOF; character = getc(file)) {
+        if (length < LINE_SIZE - 1) {
+            line[length++] = (char)character;
+        }
     }
-    int character = getc(file);
-    while (character != '\n' && character != EOF) {
-        character = getc(file);
-    }
+    line[length] = '\0';
     return true;
 }
 

@@ -47,12 +47,13 @@ static void become_helper(const std::vector<std::string> &arguments,
                           const std::vector<std::string> &environment)
 {
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string &argument : arguments) {
         argv.push_back(const_cast<char *>(argument.c_str()));
     }
     argv.push_back(nullptr);
     for (const std::string &setting : environment) {
-        (void)putenv(const_cast<char *>(setting.c_str()));
+        (void)putenv(const_cast<char *>(setting.c_str())); // NOLINT(concurrency-mt-unsafe)
     }
     (void)dup2(open("/tmp/crash_out", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
     (void)dup2(open("/tmp/crash_error", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
@@ -64,13 +65,14 @@ static Outcome crash(const std::string &mode, const std::vector<std::string> &en
                      const std::string &helper = "crash_helper_plain",
                      const std::string &name = "/usr/sbin/crashing")
 {
-    const std::string directory = std::getenv("PELKIN_BINARY_DIR");
+    const char *build = std::getenv("PELKIN_BINARY_DIR"); // NOLINT(concurrency-mt-unsafe)
+    const std::string path = std::string(build == nullptr ? "." : build) + "/tests/" + helper;
     std::vector<std::string> settings = environment;
     settings.push_back("ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_sigfpe=0");
     settings.push_back("TSAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_sigfpe=0");
     const pid_t child = fork();
     if (child == 0) {
-        become_helper({directory + "/tests/" + helper, mode, name}, settings);
+        become_helper({path, mode, name}, settings);
     }
     int status = 0;
     const bool ended = wait_until([&] { return waitpid(child, &status, WNOHANG) == child; });
@@ -330,7 +332,7 @@ static std::string report_of(const crash_context &context, siginfo_t info = {})
                                  .info = &info,
                                  .context = &context};
     crash_write_report(fd, &report);
-    const std::string text = read_file("/proc/self/fd/" + std::to_string(fd));
+    std::string text = read_file("/proc/self/fd/" + std::to_string(fd));
     (void)close(fd);
     EXPECT_EQ(count_whole_dumps(text), 1) << text;
     return text;
@@ -342,18 +344,21 @@ static std::string between(const std::string &text, const std::string &from, con
     return text.substr(start, text.find(to, start) - start);
 }
 
+static const size_t PAGE_SIZE = 4096;
+static const size_t PAGE_WORDS = PAGE_SIZE / sizeof(uint32_t);
+
 TEST(CrashReport, StackSectionStaysInTheReadableWordsOfItsPage)
 {
-    uint32_t *pages = (uint32_t *)mmap(nullptr, 3 * 4096, PROT_READ | PROT_WRITE,
+    uint32_t *pages = (uint32_t *)mmap(nullptr, 3 * PAGE_SIZE, PROT_READ | PROT_WRITE,
                                        MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    for (uint32_t i = 0; i < 3 * 1024; i++) {
+    for (uint32_t i = 0; i < 3 * PAGE_WORDS; i++) {
         pages[i] = i;
     }
-    ASSERT_EQ(mprotect(pages + 2 * 1024, 4096, PROT_NONE), 0);
+    ASSERT_EQ(mprotect(pages + 2 * PAGE_WORDS, PAGE_SIZE, PROT_NONE), 0);
     crash_context context = {};
     char expected[400];
 
-    context.sp = (uintptr_t)(pages + 1022); // 8 bytes below the page's end
+    context.sp = (uintptr_t)(pages + PAGE_WORDS - 2); // 8 bytes below the page's end
     (void)snprintf(expected, sizeof expected,
                    "0x%lx): 000003ff\n#  0x%lx: 000003fe 000003fd 000003fc 000003fb\n",
                    (long)context.sp, (long)context.sp);
@@ -361,17 +366,18 @@ TEST(CrashReport, StackSectionStaysInTheReadableWordsOfItsPage)
     EXPECT_EQ(low.rfind(expected, 0), 0u) << low;
     EXPECT_EQ(low.substr(low.size() - 10), " 000003ee\n");
 
-    context.sp = (uintptr_t)(pages + 1024); // at a page's start: nothing below it
+    context.sp = (uintptr_t)(pages + PAGE_WORDS); // at a page's start: nothing below it
     const std::string high = between(report_of(context), "# Stack (", "#\n");
     EXPECT_EQ(high.substr(high.size() - 10), " 00000400\n");
     EXPECT_NE(high.find(" 00000464"), std::string::npos);
     EXPECT_EQ(high.find(" 00000465"), std::string::npos);
 
-    for (const uintptr_t unreadable : {(uintptr_t)(pages + 2 * 1024), (uintptr_t)8, UINTPTR_MAX}) {
+    for (const uintptr_t unreadable :
+         {(uintptr_t)(pages + 2 * PAGE_WORDS), (uintptr_t)8, UINTPTR_MAX}) {
         context.sp = unreadable;
         EXPECT_EQ(between(report_of(context), "):", "# Crash"), "\n#\n");
     }
-    (void)munmap(pages, 3 * 4096);
+    (void)munmap(pages, 3 * PAGE_SIZE);
 }
 
 TEST(CrashReport, BacktraceEndsAtTheFirstAddressThatIsMissing)
@@ -452,7 +458,7 @@ TEST(CrashSymbols, NamesAreThoseOfTheLoader)
     for (const uintptr_t address : addresses) {
         Dl_info expected = {};
         crash_symbol found = {};
-        const int known = dladdr((void *)address, &expected);
+        const int known = dladdr((void *)address, &expected); // NOLINT(performance-no-int-to-ptr)
         ASSERT_EQ(crash_find_symbol(address, &found), known != 0 ? 0 : -1) << std::hex << address;
         if (known != 0) {
             EXPECT_STREQ(found.object, expected.dli_fname);
@@ -477,7 +483,7 @@ TEST(CrashClock, TimeIsThatOfCtime)
                                    1735689599, 1777777777, 1900000000, 2208988800};
     for (const char *zone : {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "NST3:30NDT,M3.2.0,M11.1.0",
                              "<+1245>-12:45<+1345>,M9.5.0/2:45,M4.1.0/3:45"}) {
-        ASSERT_EQ(setenv("TZ", zone, 1), 0);
+        ASSERT_EQ(setenv("TZ", zone, 1), 0); // NOLINT(concurrency-mt-unsafe)
         crash_wall_clock_init(NOW);
         for (const time_t time : times) {
             char expected[CRASH_TIME_SIZE] = {};
@@ -493,5 +499,5 @@ TEST(CrashClock, TimeIsThatOfCtime)
             EXPECT_STREQ(text, expected) << zone << " " << time;
         }
     }
-    (void)unsetenv("TZ");
+    (void)unsetenv("TZ"); // NOLINT(concurrency-mt-unsafe)
 }
