@@ -94,8 +94,9 @@ void smart_tty_raw_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t p
 
 /*
  * Dumps `length` bytes of `data` in hexadecimal, 16 a line, one record for every 768 bytes, the
- * first one headed by the formatted heading (no newline is added; cut at 783 characters, so that
- * the first record holds its 48 lines). A length of 0 prints nothing.
+ * first one headed by the formatted heading (no newline is added; cut at 783 characters). Behind a
+ * heading of more than 738 characters the end of the first record's last line is cut. A length of 0
+ * prints nothing.
  */
 void smart_tty_buff_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
                           size_t length, const void *data, const char *format, ...)
