@@ -104,9 +104,10 @@ static bool accept_bytes(struct answer *answer, int32_t got)
     if (answer->length < answer->end && answer->length < capacity) {
         return false;
     }
-    PELKIN_LOG_DEBUG("%s. (rcveive len[%d], max len[%d], packet len[%lld])",
-                     answer->length < capacity ? "read completed" : "There is no buf space",
-                     answer->length, answer->size, (long long)answer->end);
+    PELKIN_LOG_DEBUG_SUPERSEDED("%s. (rcveive len[%d], max len[%d], packet len[%lld])",
+                                answer->length < capacity ? "read completed"
+                                                          : "There is no buf space",
+                                answer->length, answer->size, (long long)answer->end);
     return true;
 }
 

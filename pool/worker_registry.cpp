@@ -23,18 +23,11 @@ int32_t pelkin_print_all_thread_record(const THREAD_RECORD *head)
     const int32_t minute = pelkin_cur_minute();
     int32_t number = 1;
     for (const THREAD_RECORD *record = head; record != nullptr; record = record->next, number++) {
-        // The copy of every record but the last is replaced at once, and this listing precedes
-        // every hand-over: with hundreds of workers the copies would cost more than the hand-over
-        // itself.
-        if (record->next != nullptr) {
-            PELKIN_LOG_DEBUG_SUPERSEDED(
-                "thread RECOED[%d]: %s:%d, last_used_time:%d, cur_minute:%d", number, record->host,
-                pelkin_port(record->is_https), record->last_used_time, minute);
-        } else {
-            PELKIN_LOG_DEBUG("thread RECOED[%d]: %s:%d, last_used_time:%d, cur_minute:%d", number,
-                             record->host, pelkin_port(record->is_https), record->last_used_time,
-                             minute);
-        }
+        // This listing precedes every hand-over: with hundreds of workers, copies that the next
+        // record replaces would cost more than the hand-over itself.
+        PELKIN_LOG_DEBUG_SUPERSEDED("thread RECOED[%d]: %s:%d, last_used_time:%d, cur_minute:%d",
+                                    number, record->host, pelkin_port(record->is_https),
+                                    record->last_used_time, minute);
     }
     return 0;
 }
@@ -52,12 +45,14 @@ THREAD_RECORD *pelkin_find_a_thread(uint32_t is_https, const char *host)
             continue;
         }
         if (pelkin_take_task_slot(record->sem_id) == 0) {
-            PELKIN_LOG_DEBUG("Find a Thread %s:%d, current available task slots[%d]", host,
-                             pelkin_port(is_https), pelkin_count_task_slots(record->sem_id));
+            PELKIN_LOG_DEBUG_SUPERSEDED("Find a Thread %s:%d, current available task slots[%d]",
+                                        host, pelkin_port(is_https),
+                                        pelkin_count_task_slots(record->sem_id));
             return record;
         }
-        PELKIN_LOG_DEBUG("Find an overloaded thread %s:%d, current available task slots[%d]", host,
-                         pelkin_port(is_https), pelkin_count_task_slots(record->sem_id));
+        PELKIN_LOG_DEBUG_SUPERSEDED(
+            "Find an overloaded thread %s:%d, current available task slots[%d]", host,
+            pelkin_port(is_https), pelkin_count_task_slots(record->sem_id));
     }
     PELKIN_LOG_DEBUG("can't find Thread for %s:%d", host, pelkin_port(is_https));
     return nullptr;
