@@ -1,0 +1,124 @@
+// The follow check in the running daemon, at its own pace: one test, since a pass takes 30 seconds
+// to come and a silent server 40 more.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+
+#include "core/monitor.h"
+#include "tests/support/daemon.h"
+#include "tests/support/requester.h"
+#include "tests/support/server.h"
+#include "wechat/wechat_msg.h"
+
+namespace
+{
+
+const std::string HOST = PELKIN_WECHAT_API_HOST;
+const int ACCOUNTS = 200;
+const int CLIENTS = 20000;
+const int FIRST_PASS_S = 60;     // at the latest
+const size_t CLIENTS_KIB = 1200; // held by the records, at the least
+const size_t THREAD_KIB = 768;   // that a thread's first exchanges leave behind, at the most
+const int SILENCE_S = 100;       // four times ten seconds, generously
+
+std::string check_follow(const std::string &appid, int number)
+{
+    wechat_check_follow_req request = {};
+    request.mac[5] = (uint8_t)number;
+    std::to_string(number).copy(request.openid, sizeof request.openid);
+    appid.copy(request.appid, sizeof request.appid);
+    return support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ,
+                            std::string((const char *)&request, sizeof request));
+}
+
+bool holds(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+// The API's server, and anything else that is asked of its host. Client 0 of an account has not
+// subscribed. Says nothing to the second batch of the account "silent".
+struct Api {
+    void serve(support::Connection &connection)
+    {
+        const std::string request = connection.read_request();
+        std::string body = "pong";
+        if (holds(request, "/cgi-bin/token?")) {
+            const size_t at = request.find("appid=") + 6;
+            body = R"({"access_token":"for-)" + request.substr(at, request.find('&', at) - at) +
+                   R"(","expires_in":7200})";
+        } else if (holds(request, "/batchget?")) {
+            const size_t before = asked;
+            for (size_t at = request.find("{\"openid\""); at != std::string::npos;
+                 at = request.find("{\"openid\"", at + 1)) {
+                asked++;
+            }
+            body = R"({"user_info_list":[{"subscribe":0,"openid":"0"}]})";
+            if (holds(request, "for-silent") && asked - before < 100) {
+                silent_connections++;
+                (void)connection.wait_for_close();
+                return;
+            }
+            last_asked = last_asked || holds(request, "for-last");
+        }
+        if (connection.send(support::answer(body))) {
+            (void)connection.wait_for_close();
+        }
+    }
+
+    std::atomic<size_t> asked = 0;
+    std::atomic<int> silent_connections = 0;
+    std::atomic<bool> last_asked = false;
+    support::Server server{{.tls = true}, [this](support::Connection &c) { serve(c); }};
+};
+
+// What the main thread answers, whatever the follow check is doing.
+void expect_main_loop_alive(const support::Requester &requester)
+{
+    EXPECT_EQ(requester.ask({.url = "https://" + HOST + "/"}), "pong");
+    ASSERT_TRUE(requester.send(support::message(VOKMON_MSG_PROBE, ""), PELKIN_MONITOR_SOCKET_PATH));
+    EXPECT_EQ(requester.receive().value_or("").size(), sizeof(ipc_msg_hdr));
+}
+
+TEST(WeChatDaemon, ChecksThousandsWithASmallStackAndASilentServer)
+{
+    support::write_file("/etc/hosts", "127.0.0.1 localhost " + HOST + "\n");
+    Api api;
+    const support::Requester kivren(KIVREN_SOCKET_PATH);
+    const support::Requester requester;
+    support::Daemon daemon({"bash", "-c", "ulimit -s 256; exec PELKIN"});
+    expect_main_loop_alive(requester);
+    const size_t start_kib = support::resident_kib(daemon.pid);
+
+    // The latest account is checked first.
+    ASSERT_TRUE(requester.send(check_follow("last", 0)));
+    for (int i = 0; i < 150; i++) {
+        ASSERT_TRUE(requester.send(check_follow("silent", i)));
+    }
+    for (int i = 0; i < CLIENTS; i++) {
+        ASSERT_TRUE(requester.send(check_follow(std::to_string(i % ACCOUNTS), 1 + i % 250)));
+    }
+    expect_main_loop_alive(requester);
+    const size_t full_kib = support::resident_kib(daemon.pid);
+
+    EXPECT_TRUE(support::wait_until([&api] { return api.asked > 0; }, FIRST_PASS_S));
+    expect_main_loop_alive(requester);
+    EXPECT_TRUE(support::wait_until([&api] { return api.silent_connections > 0; }, FIRST_PASS_S));
+    EXPECT_EQ(api.asked, CLIENTS + 150u);
+    expect_main_loop_alive(requester);
+    EXPECT_TRUE(support::wait_until([&api] { return api.last_asked.load(); }, SILENCE_S));
+    EXPECT_EQ(api.silent_connections, 4);
+    for (int i = 0; i < 2; i++) { // of "silent" and of "last"
+        EXPECT_EQ(kivren.receive().value_or(""), std::string("\0\x15\0\0\x0B\0\0\x03\x06\0\0\0"
+                                                             "\0\0\0\0\0\0",
+                                                             18));
+    }
+    EXPECT_EQ(kivren.receive(0), std::nullopt);
+    if (!support::is_sanitized()) {
+        EXPECT_GT(full_kib, start_kib + CLIENTS_KIB);
+        EXPECT_LT(support::resident_kib(daemon.pid), start_kib + THREAD_KIB);
+    }
+}
+
+} // namespace
