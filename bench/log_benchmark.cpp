@@ -11,7 +11,7 @@ static void run_statements(benchmark::State &state, uint32_t filter_log, uint32_
     tu_pelkin_fltlog = filter_log;
     tu_trace_level = level;
     int slots = 100;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(slots);
         PELKIN_LOG_DEBUG("Find a Thread %s:%d, current available task slots[%d]", HOST, 443, slots);
     }

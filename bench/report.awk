@@ -112,6 +112,28 @@ function print_numbers() {
     both("resident KiB an idle worker", "resident", "worker", "%.1f")
 }
 
+function placed_row(text, what, whom, format, s, line) {
+    line = "| " text
+    for (s = 1; s <= 2; s++) {
+        line = line " | " sprintf(format, median(schemes[s] " " what "@together " whom)) \
+               " | " sprintf(format, median(schemes[s] " " what "@apart " whom))
+    }
+    print line " |"
+}
+
+function print_placed() {
+    print "| number | plain, one processor | plain, server apart | TLS, one processor | TLS, server apart |"
+    print "|---|---|---|---|---|"
+    placed_row("requests/s: daemon, 64 outstanding", "rate", "daemon", "%.0f")
+    placed_row("requests/s: bare loop", "rate", "bare", "%.0f")
+    placed_row("requests/s: libcurl handle", "rate", "libcurl", "%.0f")
+    placed_row("processor time a request, µs: daemon, all threads", "processor", "daemon", "%.2f")
+    placed_row("processor time a request, µs: bare loop", "processor", "bare", "%.2f")
+    placed_row("processor time a request, µs: libcurl handle", "processor", "libcurl", "%.2f")
+    placed_row("latency, µs: daemon, one outstanding", "latency", "daemon", "%.1f")
+    placed_row("latency, µs: bare loop", "latency", "bare", "%.1f")
+}
+
 # The calls that any of the runs made, each thread's in alphabetical order.
 function print_calls(names, n, i, j, key, parts, swapped, s, o, line) {
     print "| thread: call | plain, 1 | plain, 64 | TLS, 1 | TLS, 64 |\n|---|---|---|---|---|"
@@ -158,6 +180,10 @@ END {
     print_targets()
     print "\n## The numbers\n"
     print_numbers()
+    if (("plain rate@apart daemon") in count) {
+        print "\n## The same, placed by hand\n"
+        print_placed()
+    }
     print "\n## System calls a request\n"
     print_calls()
     print "\n## Microbenchmarks\n"
