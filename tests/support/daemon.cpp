@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -79,6 +80,20 @@ int Daemon::wait_for_end(int seconds)
     return wait_until([this] { return !alive(); }, seconds) ? status : -1;
 }
 
+// Of a line of the table, the second word is the id.
+static void remove_semaphore_sets()
+{
+    std::istringstream table(read_file("/proc/sysvipc/sem"));
+    std::string line;
+    (void)std::getline(table, line); // a heading
+    while (std::getline(table, line)) {
+        int key = 0;
+        int id = 0;
+        std::istringstream(line) >> key >> id;
+        (void)semctl(id, 0, IPC_RMID);
+    }
+}
+
 void Daemon::kill_now()
 {
     end_expected = true;
@@ -86,6 +101,7 @@ void Daemon::kill_now()
         (void)kill(pid, SIGKILL);
         (void)waitpid(pid, &status, 0);
         ended = true;
+        remove_semaphore_sets();
     }
 }
 
@@ -99,7 +115,7 @@ Daemon::~Daemon()
     EXPECT_EQ(text.find("runtime error:"), std::string::npos) << text;
 }
 
-void Daemon::set_trace_level(int level, LogSink &log)
+void Daemon::set_trace_level(int level, DatagramSink &log)
 {
     const std::string confirmation = "set log_level = " + std::to_string(level);
     const size_t before = log.count(confirmation);

@@ -31,10 +31,11 @@ struct Daemon {
     bool alive();
     /* Waits for the process to end by itself: its wait status, or -1 when the deadline passed. */
     int wait_for_end(int seconds = DEADLINE_S);
-    /* Kills it and waits for its end. */
+    /* Kills it, waits for its end and removes the semaphore sets that it had no chance to remove.
+     */
     void kill_now();
     /* Sets the trace level by file and signal; waits for `log` to confirm it when level >= 5. */
-    void set_trace_level(int level, LogSink &log);
+    void set_trace_level(int level, DatagramSink &log);
     std::string error_text() const;
 
     pid_t pid = -1;

@@ -36,14 +36,18 @@ struct DatagramSink {
     std::thread reader;
 };
 
-/* The log service. A daemon registers at its start, so make the sink before the daemon. */
+/*
+ * The log service. A daemon registers at its start, so make the sink before the daemon. The channel
+ * never waits: a burst of some hundred records may lose some here. Where every one counts, take the
+ * system log.
+ */
 struct LogSink : DatagramSink {
     LogSink() : DatagramSink(SMART_TTY_SERVICE_PATH)
     {
     }
 };
 
-/* The system log. */
+/* The system log: the same texts behind syslog's own head. Its sender waits, so none is lost. */
 struct SyslogSink : DatagramSink {
     SyslogSink() : DatagramSink("/dev/log")
     {
