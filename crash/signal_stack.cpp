@@ -29,7 +29,9 @@ int32_t crashdump_thread_init(void)
         return -1;
     }
     char *lowest = (char *)made + guard;
-    const stack_t stack = {.ss_sp = lowest, .ss_flags = 0, .ss_size = STACK_SIZE};
+    stack_t stack = {}; // its fields come in another order on MIPS
+    stack.ss_sp = lowest;
+    stack.ss_size = STACK_SIZE;
     if (mprotect(lowest, STACK_SIZE, PROT_READ | PROT_WRITE) != 0 ||
         sigaltstack(&stack, &previous) != 0) {
         const int error = errno;

@@ -33,9 +33,11 @@ static const char *const CALLBACK_FILE = "/tmp/crash_callback";
 static const char *dump_file;
 static pthread_barrier_t barrier;
 
-// Linked in place of the C library's (-Wl,--wrap): one allocation or signal fails on demand.
+// Linked in place of the C library's (-Wl,--wrap): one allocation or signal fails on demand, and
+// dumps brought to storage are counted.
 static int failing_name_buffer = -1;
 static int failing_signal = -1;
+static int syncs;
 
 extern "C" {
 
@@ -43,6 +45,8 @@ void *__real_malloc(size_t size);
 void *__wrap_malloc(size_t size);
 int __real_sigaction(int number, const struct sigaction *action, struct sigaction *old);
 int __wrap_sigaction(int number, const struct sigaction *action, struct sigaction *old);
+int __real_fsync(int fd);
+int __wrap_fsync(int fd);
 
 void *__wrap_malloc(size_t size)
 {
@@ -61,6 +65,12 @@ int __wrap_sigaction(int number, const struct sigaction *action, struct sigactio
         return -1;
     }
     return __real_sigaction(number, action, old);
+}
+
+int __wrap_fsync(int fd)
+{
+    syncs++;
+    return __real_fsync(fd);
 }
 
 // NOLINTBEGIN(clang-analyzer-*,performance-no-int-to-ptr): faults are what these are for
@@ -247,22 +257,6 @@ static void fault_on_two_threads()
     (void)fault_with_another(nullptr);
 }
 
-static void report_callback()
-{
-    struct stat dump = {};
-    const bool dumped = stat(dump_file, &dump) == 0 && dump.st_size > 0;
-    const bool snapshot = access("/etc/quorvane/dump/crashing.dump.unix_zel", F_OK) == 0;
-    const int fd = open(CALLBACK_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    (void)dprintf(fd, "dumped=%d snapshot=%d", dumped, snapshot);
-}
-
-static void fault_with_callback()
-{
-    crashdump_register_usrcb(report_callback);
-    (void)fflush(stdout);
-    fault_null_write();
-}
-
 static int count_dumps()
 {
     static char text[1 << 16];
@@ -275,6 +269,20 @@ static int count_dumps()
         count++;
     }
     return count;
+}
+
+static void report_callback()
+{
+    const bool snapshot = access("/etc/quorvane/dump/crashing.dump.unix_zel", F_OK) == 0;
+    const int fd = open(CALLBACK_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    (void)dprintf(fd, "dumps=%d syncs=%d snapshot=%d", count_dumps(), syncs, snapshot);
+}
+
+static void fault_with_callback()
+{
+    crashdump_register_usrcb(report_callback);
+    (void)fflush(stdout);
+    fault_null_write();
 }
 
 static int threads_let_go; // atomic

@@ -214,11 +214,11 @@ TEST_F(Crash, FourthDumpHandsFurtherFaultsToTheKernel)
     }
 }
 
-TEST_F(Crash, CallbackRunsBetweenDumpAndSnapshot)
+TEST_F(Crash, CallbackRunsBetweenStoredDumpAndSnapshot)
 {
     EXPECT_EQ(crash("callback").out,
               "crashing registers crashdump usrcb\nCreating dumpfile: " + DUMP + "\n");
-    EXPECT_EQ(read_file("/tmp/crash_callback"), "dumped=1 snapshot=0");
+    EXPECT_EQ(read_file("/tmp/crash_callback"), "dumps=1 syncs=2 snapshot=0");
 }
 
 TEST_F(Crash, HangingSnapshotIsKilledAndTheProcessEnds)
