@@ -1,0 +1,59 @@
+#include "tools/output.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "tools/printable.h"
+
+void say(const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::fputs("pelkinctl: ", stderr);
+    (void)std::vfprintf(stderr, format, arguments);
+    (void)std::fputc('\n', stderr);
+    va_end(arguments);
+}
+
+bool write_out(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            say("cannot write to standard output: %s", std::strerror(errno));
+            return false;
+        }
+        bytes.remove_prefix(written > 0 ? (size_t)written : 0);
+    }
+    return true;
+}
+
+bool write_answer(std::string_view answer)
+{
+    if (!output_is_terminal()) {
+        return write_out(answer);
+    }
+    std::string text = printable(answer);
+    if (!text.empty() && text.back() != '\n') {
+        text += '\n';
+    }
+    return write_out(text);
+}
+
+bool output_is_terminal()
+{
+    return isatty(STDOUT_FILENO) == 1;
+}
+
+bool output_is_coloured()
+{
+    const char *no_color = std::getenv("NO_COLOR");
+    const char *terminal = std::getenv("TERM");
+    return output_is_terminal() && (no_color == nullptr || no_color[0] == '\0') &&
+           (terminal == nullptr || std::strcmp(terminal, "dumb") != 0);
+}
