@@ -89,14 +89,25 @@ struct WeChatCheck : testing::Test {
             free(account);
         }
     }
+    void answer_with(std::function<std::string(const std::string &request)> with)
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        body = std::move(with);
+    }
+    std::string take(const std::string &request)
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        requests.push_back(request);
+        return body(request);
+    }
+    std::vector<std::string> seen()
+    {
+        const std::lock_guard<std::mutex> lock(guard);
+        return requests;
+    }
     void serve(support::Connection &connection)
     {
-        const std::string request = connection.read_request();
-        {
-            const std::lock_guard<std::mutex> lock(guard);
-            requests.push_back(request);
-        }
-        const std::string text = body(request);
+        const std::string text = take(connection.read_request());
         if (text.empty()) {
             connection.reset();
         } else if (connection.send(support::answer(text))) {
@@ -113,8 +124,8 @@ struct WeChatCheck : testing::Test {
         return all;
     }
 
+    std::mutex guard; // of the two below
     std::function<std::string(const std::string &request)> body;
-    std::mutex guard; // of `requests`
     std::vector<std::string> requests;
     support::Requester kivren{KIVREN_SOCKET_PATH};
     support::Server server{{.tls = true}, [this](support::Connection &c) { serve(c); }};
@@ -131,13 +142,13 @@ TEST_F(WeChatCheck, DueClientsGoInThreeExactBatchesAndOthersWait)
         register_client(numbered("o", i));
     }
     register_client("o251", "app", "secret", 60);
-    body = [](const std::string &request) {
+    answer_with([](const std::string &request) {
         // The first batch already reports a client of the last one.
         return is_token_request(request) ? TOKEN_ANSWER
                : request.find(R"("o1")") != std::string::npos
                    ? user_info(entry(1, "o1") + "," + entry(0, "o249") + "," + entry(0, "o7"))
                    : user_info(entry(1, "o101"));
-    };
+    });
     EXPECT_EQ(wechat_check_clients_of_all_accounts(), 0);
     const std::string post = "POST /cgi-bin/user/info/batchget?access_token=TOK" + HEAD_LINES;
     std::vector<std::string> expected = {
@@ -147,7 +158,7 @@ TEST_F(WeChatCheck, DueClientsGoInThreeExactBatchesAndOthersWait)
          {batch_body(1, 100), batch_body(101, 200), batch_body(201, 250)}) {
         expected.push_back(numbered(post, (int)text.size()).append("\r\n\r\n").append(text));
     }
-    EXPECT_EQ(requests, expected);
+    EXPECT_EQ(seen(), expected);
     EXPECT_EQ(server.connections, 4);
     EXPECT_EQ(deleted(), "249 7 ");
     EXPECT_STREQ(wechat_account_chain->clients->openid, "o251");
@@ -191,9 +202,9 @@ TEST_F(WeChatCheck, FailuresFreeTheClientsAndDecideWhetherTheTokenStays)
          2, false, "1 "},
     };
     for (const auto &c : cases) {
-        body = [&c](const std::string &request) {
+        answer_with([&c](const std::string &request) {
             return is_token_request(request) ? c.token_answer : c.batch_answer;
-        };
+        });
         const int before = server.connections;
         register_client("o1", c.name);
         register_client("o2", c.name);
@@ -203,6 +214,7 @@ TEST_F(WeChatCheck, FailuresFreeTheClientsAndDecideWhetherTheTokenStays)
         EXPECT_EQ(wechat_account_chain->clients, nullptr) << c.name;
         EXPECT_EQ(wechat_account_chain->token_expire_min > pelkin_cur_minute(), c.is_token_kept)
             << c.name;
+        answer_with({});
     }
 }
 
@@ -211,13 +223,13 @@ TEST_F(WeChatCheck, FailedBatchSparesEarlierOnesAndEndsTheList)
     for (int i = 1; i <= 201; i++) {
         register_client(numbered("o", i));
     }
-    body = [](const std::string &request) {
+    answer_with([](const std::string &request) {
         return is_token_request(request)                      ? TOKEN_ANSWER
                : request.find(R"("o1")") != std::string::npos ? user_info(entry(0, "o1"))
                                                               : R"({"errcode":-1})";
-    };
+    });
     (void)wechat_check_clients_of_all_accounts();
-    EXPECT_EQ(requests.size(), 3u) << "no request for the third batch";
+    EXPECT_EQ(seen().size(), 3u) << "no request for the third batch";
     EXPECT_EQ(deleted(), "1 ");
     EXPECT_EQ(wechat_account_chain->clients, nullptr);
 }
@@ -225,31 +237,32 @@ TEST_F(WeChatCheck, FailedBatchSparesEarlierOnesAndEndsTheList)
 TEST_F(WeChatCheck, SecretReplacedDuringARefreshIsUsedByTheNextCheck)
 {
     register_client("o1", "app", "old");
-    body = [](const std::string &request) {
+    answer_with([](const std::string &request) {
         if (request.find("secret=old") != std::string::npos) {
             register_client("o2", "app", "new"); // hangs if the mutex is held
         }
         return is_token_request(request) ? TOKEN_ANSWER : user_info(entry(0, "o1"));
-    };
+    });
     (void)wechat_check_clients_of_all_accounts();
     EXPECT_EQ(deleted(), "1 ") << "the token was good for the check at hand";
     (void)wechat_check_clients_of_all_accounts();
-    ASSERT_EQ(requests.size(), 4u);
-    EXPECT_NE(requests[2].find("secret=new"), std::string::npos);
-    EXPECT_NE(requests[3].find(R"("o2")"), std::string::npos);
+    const std::vector<std::string> requests_seen = seen();
+    ASSERT_EQ(requests_seen.size(), 4u);
+    EXPECT_NE(requests_seen[2].find("secret=new"), std::string::npos);
+    EXPECT_NE(requests_seen[3].find(R"("o2")"), std::string::npos);
 }
 
 TEST_F(WeChatCheck, RequestsAtFullRateDuringPassesAreAllChecked)
 {
     const int clients = 20000;
     std::atomic<int> asked = 0;
-    body = [&asked](const std::string &request) {
+    answer_with([&asked](const std::string &request) {
         size_t at = 0;
         while ((at = request.find("\"openid\"", at + 1)) != std::string::npos) {
             asked++;
         }
         return is_token_request(request) ? TOKEN_ANSWER : user_info(entry(1, "o1"));
-    };
+    });
     std::atomic<bool> finished = false;
     std::thread main_thread([&finished] {
         for (int i = 0; i < clients; i++) {
