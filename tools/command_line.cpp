@@ -333,7 +333,7 @@ int run_command_line(int argc, char **argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &end) {
         if (end.get_exit_code() != 0 && app.get_subcommands().empty() && !app.remaining().empty()) {
-            say("'%s' is no command; 'pelkinctl --help' lists them", app.remaining()[0].c_str());
+            say("'%s' is no command or option; see 'pelkinctl --help'", app.remaining()[0].c_str());
             return STATUS_USAGE;
         }
         return app.exit(end) == 0 ? STATUS_DONE : STATUS_USAGE;
