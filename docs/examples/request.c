@@ -24,8 +24,7 @@ struct message {
 };
 WIRE_SIZE(struct message, 12 + 412);
 
-/* A socket with a name of its own: without one there is nowhere to send the answer. -1 on failure.
- */
+/* A socket with a name: without one there is nowhere to send the answer. -1 on failure. */
 static int open_own_socket(struct sockaddr_un *own)
 {
     const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -60,8 +59,7 @@ static int send_request(int fd, const char *url)
     return sent == (ssize_t)sizeof message ? 0 : -1;
 }
 
-/* The body alone comes back: no envelope, no id, no NUL. Its length, or -1 when none came in time.
- */
+/* The body alone comes back: no envelope, no id, no NUL. Its length, or -1 without an answer. */
 static ssize_t receive_answer(int fd, char *body, size_t size)
 {
     struct pollfd watched = {.fd = fd, .events = POLLIN};
