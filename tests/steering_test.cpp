@@ -1,0 +1,216 @@
+// Signals, the level file and liveness probes on the running daemon.
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/monitor.h"
+#include "core/signals.h"
+#include "tests/support/daemon.h"
+#include "tests/support/requester.h"
+#include "tests/support/server.h"
+
+using namespace support;
+
+namespace
+{
+
+std::string probe(uint32_t msg_id = VOKMON_MSG_PROBE)
+{
+    std::string bytes = message(msg_id, "");
+    bytes[2] = '\xAB';
+    bytes[3] = '\xCD';
+    return bytes;
+}
+
+std::string expected_reply()
+{
+    const char head[] = {0x00, 0x15, '\xAB', '\xCD'};
+    std::string reply =
+        std::string(head, sizeof head) + message(VOKMON_MSG_PROBE_REPLY, "").substr(4);
+    return reply;
+}
+
+struct Steering : testing::Test {
+    // Waits for the main loop to confirm, so that one signal never merges with the next.
+    void signal_and_wait(int number, const std::string &confirmation)
+    {
+        const size_t before = log.count(confirmation);
+        ASSERT_EQ(kill(daemon.pid, number), 0);
+        EXPECT_TRUE(log.wait_for(confirmation, before + 1)) << confirmation;
+    }
+
+    Requester requester;
+    SyslogSink log;
+    Daemon daemon;
+};
+
+TEST_F(Steering, LevelFileIsReadAsANumberOrMeansError)
+{
+    const struct {
+        const char *content; // null: no file
+        const char *level;
+    } cases[] = {{"7", "7"},   {" \n\t 6", "6"},  {"+7", "7"},
+                 {"-1", "-1"}, {"5 apples", "5"}, {"99999999999999999999", "2147483647"}};
+    for (const auto &c : cases) {
+        write_file(PELKIN_LEVEL_FILE, c.content);
+        signal_and_wait(SIGUSR1, std::string("received SIGUSR1, set log_level = ") + c.level);
+    }
+    // Each of the rest means error level, at which the confirmation itself is not printed: a
+    // dropped datagram (info) must leave no line, while at level 7 it leaves one.
+    const std::string mismatch = "Received length mismatched";
+    for (const char *content : {"", "text", "-", static_cast<const char *>(nullptr)}) {
+        write_file(PELKIN_LEVEL_FILE, "7");
+        signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 7");
+        if (content != nullptr) {
+            write_file(PELKIN_LEVEL_FILE, content);
+        } else {
+            (void)unlink(PELKIN_LEVEL_FILE);
+        }
+        const size_t interrupted = log.count("Interrupted system call");
+        ASSERT_EQ(kill(daemon.pid, SIGUSR1), 0);
+        // The warning still passes level 7; the signal is read in the very next pass.
+        EXPECT_TRUE(log.wait_for("Interrupted system call", interrupted + 1));
+        requester.send(Request{.url = "http://"}); // logs an error when its turn has come
+        EXPECT_TRUE(log.wait_for("fill http task failed."));
+        log.clear();
+        requester.send("short");
+        requester.send(Request{.url = "http://"});
+        EXPECT_TRUE(log.wait_for("fill http task failed."));
+        EXPECT_EQ(log.count(mismatch), 0u) << (content != nullptr ? content : "(no file)");
+    }
+    // A named pipe at that path must not hold the main loop.
+    (void)unlink(PELKIN_LEVEL_FILE);
+    ASSERT_EQ(mkfifo(PELKIN_LEVEL_FILE, 0600), 0);
+    ASSERT_EQ(kill(daemon.pid, SIGUSR1), 0);
+    requester.send(Request{.url = "http://"});
+    EXPECT_TRUE(log.wait_for("fill http task failed.", 2));
+    (void)unlink(PELKIN_LEVEL_FILE);
+}
+
+TEST_F(Steering, ThousandSignalsAmongTenThousandRequestsLoseNeither)
+{
+    const Server server({}, serve_bodies([](const std::string &) { return "ok"; }));
+    const int requests = 10000;
+    const int numbers[] = {SIGUSR1, SIGUSR2, SIGCHLD};
+    write_file(PELKIN_LEVEL_FILE, "5");
+    write_file(PELKIN_IGNORE_RESULT_FILE, "");
+    int answered = 0;
+    for (int i = 0; i < requests; i++) {
+        if (i % 10 == 0) {
+            ASSERT_EQ(kill(daemon.pid, numbers[i / 10 % 3]), 0);
+        }
+        answered += requester.ask({.url = "http://127.0.0.1/"}) == "ok" ? 1 : 0;
+    }
+    EXPECT_EQ(answered, requests);
+
+    (void)unlink(PELKIN_IGNORE_RESULT_FILE);
+    write_file(PELKIN_IGNORE_VERIFICATION_FILE, "");
+    signal_and_wait(SIGUSR2, "set ignore_fb_token_verification = 1, "
+                             "ignore_fb_token_verification_result = 0");
+    write_file(PELKIN_LEVEL_FILE, "7");
+    signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 7");
+    // In force: the debug line of the switch shows, and only the two verification requests are
+    // dropped.
+    for (const uint32_t msg_id : {PELKIN_MSG_FBAUTH_REQ, PELKIN_MSG_REAUTH_REQ}) {
+        const size_t before = log.count("ignore fb token verification.");
+        requester.send(Request{.url = "http://127.0.0.1/", .msg_id = msg_id});
+        EXPECT_TRUE(log.wait_for("ignore fb token verification.", before + 1));
+    }
+    EXPECT_EQ(requester.ask({.url = "http://127.0.0.1/"}), "ok");
+}
+
+TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
+{
+    log.clear();
+    write_file(PELKIN_LEVEL_FILE, "5");
+    signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 5");
+    EXPECT_EQ(log.count("Select() returns -1 -- Interrupted system call (4)"), 1u);
+}
+
+TEST_F(Steering, ProbesAreAnsweredAndNothingElseIs)
+{
+    ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
+    const std::string other = probe(VOKMON_MSG_PROBE_REPLY);
+    for (const std::string &bytes : {std::string("short"), probe().substr(0, 7), other}) {
+        ASSERT_TRUE(requester.send(bytes, PELKIN_MONITOR_SOCKET_PATH));
+    }
+    // The next datagram to come is the reply to the last one sent: the others got none.
+    ASSERT_TRUE(requester.send(probe() + "beyond", PELKIN_MONITOR_SOCKET_PATH));
+    EXPECT_EQ(requester.receive(), expected_reply());
+    // Under load too.
+    const Server server({}, serve_bodies([](const std::string &) { return "ok"; }));
+    const Requester prober("/tmp/prober");
+    for (int i = 0; i < 200; i++) {
+        ASSERT_TRUE(requester.send(Request{.url = "http://127.0.0.1/"}));
+        ASSERT_TRUE(prober.send(probe(), PELKIN_MONITOR_SOCKET_PATH));
+        EXPECT_EQ(prober.receive(), expected_reply());
+        EXPECT_EQ(requester.receive(), "ok");
+    }
+}
+
+// Processor time of the process in clock ticks.
+unsigned long cpu_ticks(pid_t pid)
+{
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    unsigned long user = 0;
+    unsigned long system = 0;
+    const size_t behind_name = stat.rfind(')');
+    EXPECT_EQ(sscanf(stat.c_str() + behind_name,
+                     ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %lu %lu", &user, &system),
+              2);
+    return user + system;
+}
+
+TEST_F(Steering, HeldUpMainLoopFallsSilentAndSendsNoLateReplies)
+{
+    ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
+    // Stops the main thread alone.
+    ASSERT_EQ(ptrace(PTRACE_SEIZE, daemon.pid, nullptr, nullptr), 0);
+    ASSERT_EQ(ptrace(PTRACE_INTERRUPT, daemon.pid, nullptr, nullptr), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(daemon.pid, &status, __WALL), daemon.pid);
+
+    const time_t stopped = time(nullptr);
+    ASSERT_TRUE(wait_until([&] { return time(nullptr) - stopped > PELKIN_STALE_AFTER_S; }));
+    const unsigned long before = cpu_ticks(daemon.pid);
+    for (size_t i = 1; i <= 3; i++) {
+        ASSERT_TRUE(requester.send(probe(), PELKIN_MONITOR_SOCKET_PATH));
+        EXPECT_TRUE(log.wait_for("Pelkin has been timeout for ", i));
+    }
+    EXPECT_EQ(requester.receive(1), std::nullopt);
+    EXPECT_EQ(log.count("Pelkin has been timeout for "),
+              3u); // one a probe: the thread does not spin
+    EXPECT_LE(cpu_ticks(daemon.pid) - before, 20u);
+
+    ASSERT_EQ(ptrace(PTRACE_DETACH, daemon.pid, nullptr, nullptr), 0);
+    // Once the loop has made a pass, the next probe is answered, and only that one.
+    requester.send(Request{.url = "http://"});
+    ASSERT_TRUE(log.wait_for("fill http task failed."));
+    ASSERT_TRUE(requester.send(probe(), PELKIN_MONITOR_SOCKET_PATH));
+    EXPECT_EQ(requester.receive(), expected_reply());
+    EXPECT_EQ(requester.receive(1), std::nullopt);
+}
+
+TEST(MonitorPath, StaleFileIsReplacedAndAnUnusablePathOnlyMeansNoReplies)
+{
+    write_file(PELKIN_MONITOR_SOCKET_PATH, "left over");
+    {
+        const Daemon daemon;
+        EXPECT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
+    }
+    (void)unlink(PELKIN_MONITOR_SOCKET_PATH);
+    ASSERT_EQ(mkdir(PELKIN_MONITOR_SOCKET_PATH, 0700), 0);
+    const Server server({}, serve_bodies([](const std::string &) { return "ok"; }));
+    const Requester requester;
+    Daemon daemon;
+    EXPECT_EQ(requester.ask({.url = "http://127.0.0.1/"}), "ok");
+    EXPECT_TRUE(daemon.alive());
+    (void)rmdir(PELKIN_MONITOR_SOCKET_PATH);
+}
+
+} // namespace
