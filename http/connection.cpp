@@ -74,6 +74,20 @@ SSL *pelkin_create_ssl(SSL_CTX *context)
     return tls;
 }
 
+// A server's host that vanishes in the middle of a handshake, which has no time-out, would hold its
+// thread for ever: with these the system gives the connection up after some two minutes.
+static void set_keepalive(int sock)
+{
+    static const int on = 1;
+    static const int idle_s = 60;
+    static const int interval_s = 10;
+    static const int probes = 6;
+    (void)setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+}
+
 int32_t pelkin_create_tcp_socket(void)
 {
     static const char protocol_name[] = "tcp";
@@ -94,6 +108,7 @@ int32_t pelkin_create_tcp_socket(void)
     const int on = 1;
     (void)setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     (void)setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
+    set_keepalive(sock);
     return sock;
 }
 

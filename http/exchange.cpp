@@ -85,13 +85,22 @@ static enum read_event read_tls(int32_t, SSL *tls, char *to, int32_t room, int32
     return READ_ENDED;
 }
 
+// Whether the blank line may have come with the bytes behind the first `known` ones. Only they and
+// the three before them are looked at: an answer that drips in is not searched from its start every
+// time.
+static bool has_blank_line_behind(const struct answer *answer, int32_t known)
+{
+    return strstr(answer->buffer + (known > 3 ? known - 3 : 0), "\r\n\r\n") != nullptr;
+}
+
 // Takes `got` new bytes into account. True when the answer is whole or the buffer full.
 static bool accept_bytes(struct answer *answer, int32_t got)
 {
     const int32_t capacity = answer->size - 1;
+    const int32_t before = answer->length;
     answer->length += got;
     answer->buffer[answer->length] = '\0';
-    if (answer->head_length < 1) {
+    if (answer->head_length < 1 && has_blank_line_behind(answer, before)) {
         answer->head_length = pelkin_get_http_head_len(answer->buffer);
         if (answer->head_length > 0) {
             const int32_t body_length = pelkin_get_http_data_len(answer->buffer);
