@@ -97,7 +97,7 @@ static const struct load_contender *find_contender(const char *name)
 static int usage(void)
 {
     fputs("usage: pelkin_bench_load [-s SECONDS] [-n ANSWERS] [-w WARM_UP] [-o OUTSTANDING] "
-          "[-p PID] bare|daemon|libcurl|process URL\n"
+          "[-p PID] bare|daemon|libcurl|process URL...\n"
           "  -w: answers that are not counted, at the start\n"
           "  -p: the process whose processor time is measured; by default this one\n",
           stderr);
@@ -128,7 +128,8 @@ static int report(const struct load_contender *contender, struct load_limits *li
 int main(int argc, char **argv)
 {
     struct load_limits limits = {.seconds = 1e6, .answers = UINT64_MAX, .warm_up = UINT64_MAX};
-    struct load_order order = {.url = nullptr, .outstanding = 1, .requests = UINT64_MAX};
+    struct load_order order = {
+        .urls = nullptr, .url_count = 0, .outstanding = 1, .requests = UINT64_MAX};
     clockid_t processor = CLOCK_PROCESS_CPUTIME_ID;
     int option = 0;
     while ((option = getopt(argc, argv, "s:n:w:o:p:")) != -1) { // NOLINT(concurrency-mt-unsafe)
@@ -147,10 +148,11 @@ int main(int argc, char **argv)
             return 1;
         }
     }
-    if (argc - optind != 2) {
+    if (argc - optind < 2) {
         return usage();
     }
     const struct load_contender *contender = find_contender(argv[optind]);
-    order.url = argv[optind + 1];
+    order.urls = argv + optind + 1;
+    order.url_count = (uint32_t)(argc - optind - 1);
     return contender == nullptr ? usage() : report(contender, &limits, processor, &order);
 }

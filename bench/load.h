@@ -14,7 +14,8 @@ extern "C" {
 
 /* What is to be done, from the command line. */
 struct load_order {
-    const char *url;      /* of the server, "http://name/path" or "https://name/path" */
+    char *const *urls;    /* "http://name/path" or "https://name/path", at least one */
+    uint32_t url_count;   /* the daemon's load takes them in turn, the others the first */
     uint32_t outstanding; /* requests that are under way at any time; the daemon's load only */
     uint64_t requests;    /* no more than these are made */
 };

@@ -64,8 +64,8 @@ static int32_t start_tls(void)
 static int32_t open_bare(const struct load_order *order)
 {
     static struct http_task task;
-    task.is_https = strncmp(order->url, "https://", 8) == 0 ? 1 : 0;
-    if (sscanf(order->url, "%*[a-z]://%127[^/]%1023s", task.host, task.path) != 2) {
+    task.is_https = strncmp(order->urls[0], "https://", 8) == 0 ? 1 : 0;
+    if (sscanf(order->urls[0], "%*[a-z]://%127[^/]%1023s", task.host, task.path) != 2) {
         fputs("pelkin_bench_load: not a URL with a path\n", stderr);
         return -1;
     }

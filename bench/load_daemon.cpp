@@ -16,6 +16,7 @@
 #include "core/ipc_msg.h"
 
 static const uint32_t OUTSTANDING_MAX = 64;
+static const uint32_t URLS_MAX = 1024;
 static const size_t ANSWER_MAX = 2048;
 static const time_t PATIENCE_S = 15;
 static const uint32_t MODULE_MSG_ID = 0x15000001; // one that the daemon gives no meaning to
@@ -28,9 +29,11 @@ struct request {
 static int32_t sock = -1;
 static struct sockaddr_un own_address;
 static struct sockaddr_un daemon_address;
-static struct request request;
-static struct iovec request_part = {.iov_base = &request, .iov_len = sizeof request};
-static struct mmsghdr requests[OUTSTANDING_MAX];
+static struct request requests[URLS_MAX]; // one a URL
+static uint32_t request_count;
+static uint32_t next_request;
+static struct iovec request_parts[OUTSTANDING_MAX];
+static struct mmsghdr questions[OUTSTANDING_MAX];
 static char bodies[OUTSTANDING_MAX][ANSWER_MAX];
 static struct iovec body_parts[OUTSTANDING_MAX];
 static struct mmsghdr answers[OUTSTANDING_MAX];
@@ -38,23 +41,23 @@ static uint32_t outstanding;
 static uint32_t under_way;
 static uint64_t requests_left;
 
-static void fill_request(const char *url)
+static void fill_request(struct request *request, const char *url)
 {
-    request = {};
-    request.header.msg_id = MODULE_MSG_ID;
-    request.header.len = sizeof request.body;
-    request.body.resp_method = PELKIN_RESP_SOCKET;
-    (void)snprintf(request.body.url, sizeof request.body.url, "%s", url);
+    *request = {};
+    request->header.msg_id = MODULE_MSG_ID;
+    request->header.len = sizeof request->body;
+    request->body.resp_method = PELKIN_RESP_SOCKET;
+    (void)snprintf(request->body.url, sizeof request->body.url, "%s", url);
 }
 
 static void fill_vectors(void)
 {
     for (uint32_t i = 0; i < OUTSTANDING_MAX; i++) {
-        requests[i].msg_hdr = {};
-        requests[i].msg_hdr.msg_name = &daemon_address;
-        requests[i].msg_hdr.msg_namelen = sizeof daemon_address;
-        requests[i].msg_hdr.msg_iov = &request_part;
-        requests[i].msg_hdr.msg_iovlen = 1;
+        questions[i].msg_hdr = {};
+        questions[i].msg_hdr.msg_name = &daemon_address;
+        questions[i].msg_hdr.msg_namelen = sizeof daemon_address;
+        questions[i].msg_hdr.msg_iov = &request_parts[i];
+        questions[i].msg_hdr.msg_iovlen = 1;
         body_parts[i] = {.iov_base = bodies[i], .iov_len = ANSWER_MAX};
         answers[i].msg_hdr = {};
         answers[i].msg_hdr.msg_iov = &body_parts[i];
@@ -64,8 +67,12 @@ static void fill_vectors(void)
 
 static int32_t ask(uint32_t count)
 {
+    for (uint32_t i = 0; i < count; i++) {
+        request_parts[i] = {.iov_base = &requests[next_request], .iov_len = sizeof *requests};
+        next_request = (next_request + 1) % request_count;
+    }
     for (uint32_t done = 0; done < count;) {
-        const int sent = sendmmsg(sock, requests, count - done, 0);
+        const int sent = sendmmsg(sock, questions + done, count - done, 0);
         if (sent <= 0) {
             load_complain("cannot send a request");
             return -1;
@@ -79,8 +86,10 @@ static int32_t ask(uint32_t count)
 
 static int32_t open_daemon(const struct load_order *order)
 {
-    if (order->outstanding < 1 || order->outstanding > OUTSTANDING_MAX) {
-        fprintf(stderr, "pelkin_bench_load: 1 to %u outstanding\n", OUTSTANDING_MAX);
+    if (order->outstanding < 1 || order->outstanding > OUTSTANDING_MAX ||
+        order->url_count > URLS_MAX) {
+        fprintf(stderr, "pelkin_bench_load: 1 to %u outstanding, at most %u URLs\n",
+                OUTSTANDING_MAX, URLS_MAX);
         return -1;
     }
     own_address.sun_family = AF_UNIX;
@@ -96,7 +105,10 @@ static int32_t open_daemon(const struct load_order *order)
         load_complain(own_address.sun_path);
         return -1;
     }
-    fill_request(order->url);
+    request_count = order->url_count;
+    for (uint32_t i = 0; i < request_count; i++) {
+        fill_request(&requests[i], order->urls[i]);
+    }
     fill_vectors();
     outstanding = order->outstanding;
     requests_left = order->requests;

@@ -31,7 +31,7 @@ static int32_t open_libcurl(const struct load_order *order)
     if (handle == nullptr) {
         return -1;
     }
-    (void)curl_easy_setopt(handle, CURLOPT_URL, order->url);
+    (void)curl_easy_setopt(handle, CURLOPT_URL, order->urls[0]);
     (void)curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, keep_body);
     (void)curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     (void)curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);

@@ -16,7 +16,7 @@ static char answer_path[64];
 
 static int32_t open_process(const struct load_order *order)
 {
-    url = order->url;
+    url = order->urls[0];
     (void)snprintf(answer_path, sizeof answer_path, "/tmp/pelkin_bench.%d", getpid());
     answer_file = open(answer_path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (answer_file < 0) {

@@ -107,7 +107,7 @@ function print_numbers() {
     both("processor time a request, µs: libcurl handle", "processor", "libcurl", "%.2f")
     both("latency, µs: daemon, one outstanding", "latency", "daemon", "%.1f")
     both("latency, µs: bare loop", "latency", "bare", "%.1f")
-    both("requests/s: daemon alone", "idle", "none", "%.0f")
+    both("requests/s: daemon alone, started anew", "idle", "none", "%.0f")
     both("requests/s: daemon with 200 idle workers", "idle", "many", "%.0f")
     both("resident KiB an idle worker", "resident", "worker", "%.1f")
 }
@@ -132,6 +132,8 @@ function print_placed() {
     placed_row("processor time a request, µs: libcurl handle", "processor", "libcurl", "%.2f")
     placed_row("latency, µs: daemon, one outstanding", "latency", "daemon", "%.1f")
     placed_row("latency, µs: bare loop", "latency", "bare", "%.1f")
+    placed_row("requests/s: daemon alone, started anew", "idle", "none", "%.0f")
+    placed_row("requests/s: daemon with 200 idle workers", "idle", "many", "%.0f")
 }
 
 # The calls that any of the runs made, each thread's in alphabetical order.
@@ -166,7 +168,7 @@ function print_calls(names, n, i, j, key, parts, swapped, s, o, line) {
 }
 
 function print_microbenchmarks(key, parts) {
-    print "| microbenchmark | processor time |\n|---|---|"
+    print "| microbenchmark | time |\n|---|---|"
     for (key in count) {
         split(key, parts, " ")
         if (parts[2] == "micro") {
