@@ -1,12 +1,30 @@
 #include "core/ipc_msg.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include "log/log.h"
 
 int32_t pelkin_sock = -1;
+
+// How closing keeps clear of other threads' sends, whose descriptor could be somebody else's by
+// then: a send counts itself before it looks whether the socket is closed, closing says so before
+// it looks at the count. Both atomic and sequentially consistent, or each could miss the other's
+// store.
+static uint32_t sends_under_way;
+static uint32_t is_closed;
+
+void pelkin_close_sock(void)
+{
+    __atomic_store_n(&is_closed, 1, __ATOMIC_SEQ_CST);
+    while (__atomic_load_n(&sends_under_way, __ATOMIC_SEQ_CST) != 0) {
+        (void)poll(nullptr, 0, 1);
+    }
+    (void)close(pelkin_sock);
+}
 
 void *pelkin_fill_ipc_hdr(void *buffer, uint32_t msg_id, uint32_t len)
 {
@@ -36,11 +54,17 @@ int32_t pelkin_send_ipc_msg(const char *peer_path, const void *message)
 int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, const void *address,
                               socklen_t address_length)
 {
-    ssize_t sent = 0;
+    ssize_t sent = -1;
+    (void)__atomic_add_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
+    errno = EBADF;
     do {
+        if (__atomic_load_n(&is_closed, __ATOMIC_SEQ_CST) != 0) {
+            break;
+        }
         sent = sendto(sock, buffer, length, 0, (const struct sockaddr *)address, address_length);
         // A signal during the wait for room is no verdict on the peer: nothing has been sent yet.
     } while (sent < 0 && errno == EINTR);
+    (void)__atomic_sub_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
     if (sent < 0) {
         PELKIN_LOG_ERROR("failed to send ipc msg.");
         return -1;

@@ -86,6 +86,12 @@ WIRE_SIZE(struct http_req_msg, 412);
 extern int32_t pelkin_sock;
 
 /*
+ * Closes the request socket for good, once the sends that other threads have under way have ended
+ * (2 seconds at most, the socket's send time-out); later ones fail. Main thread, at shutdown.
+ */
+void pelkin_close_sock(void);
+
+/*
  * Writes an envelope with this daemon as the sender and `len` bytes of payload to come; returns
  * where the payload goes, buffer + 12. Any thread.
  */

@@ -17,8 +17,12 @@
 #include "log/log.h"
 #include "log/ttylog_modules.h"
 #include "platform/ipc_open_sock.h"
+#include "pool/worker.h"
 #include "pool/worker_registry.h"
 #include "wechat/follow_check.h"
+
+// Milliseconds that the shutdown gives the workers.
+static const int32_t WORKERS_END_MS = 1000;
 
 int32_t pelkin_write_pid_file(const char *path)
 {
@@ -79,10 +83,12 @@ void pelkin_shutdown(void)
 {
     (void)pelkin_ttylog_unregister();
     if (pelkin_sock >= 0) {
-        (void)close(pelkin_sock);
+        pelkin_close_sock();
     }
     if (pelkin_thread_list != nullptr) {
         (void)pelkin_release_all_threads(&pelkin_thread_list);
+        // Idle workers end at once; exit must not meet them inside the library's clean-up.
+        (void)pelkin_wait_for_workers(WORKERS_END_MS);
     }
     if (pelkin_ctx != nullptr) {
         SSL_CTX_free(pelkin_ctx);

@@ -40,6 +40,10 @@ static const char *oldest_error_reason(void)
 
 SSL_CTX *pelkin_create_ctx(void)
 {
+#ifdef OPENSSL_INIT_NO_ATEXIT
+    // Other threads may be inside the library when the process ends.
+    (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+#endif
     SSL_load_error_strings();
     SSL_library_init();
     ERR_clear_error();

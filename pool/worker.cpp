@@ -1,6 +1,7 @@
 #include "pool/worker.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <pthread.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -47,6 +48,10 @@ static void free_worker(struct worker *worker)
     (void)munmap(worker, sizeof *worker);
 }
 
+// Workers that have not ended. Atomic: counted up by the main thread, down by each worker at its
+// end.
+static uint32_t live_workers;
+
 static_assert(sizeof(struct reauth_attr) <= HTTP_TASK_DATA_MAX, "a batch fits the copy");
 
 int32_t pelkin_start_worker(const THREAD_RECORD *record)
@@ -67,8 +72,10 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
     (void)SSL_CTX_up_ref(worker->context);
 
     pthread_t thread;
+    (void)__atomic_add_fetch(&live_workers, 1, __ATOMIC_RELAXED);
     if (pthread_create(&thread, nullptr, social_media_thread, worker) != 0) {
         PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
+        (void)__atomic_sub_fetch(&live_workers, 1, __ATOMIC_RELAXED);
         free_worker(worker);
         return -1;
     }
@@ -77,6 +84,19 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
         char text[128];
         PELKIN_LOG_ERROR("Cannot detach thread, errno:%d,%s\n", error,
                          strerror_r(error, text, sizeof text));
+    }
+    return 0;
+}
+
+int32_t pelkin_wait_for_workers(int32_t timeout_ms)
+{
+    static const int step_ms = 1;
+    for (int32_t waited_ms = 0; __atomic_load_n(&live_workers, __ATOMIC_ACQUIRE) != 0;
+         waited_ms += step_ms) {
+        if (waited_ms >= timeout_ms) {
+            return -1;
+        }
+        (void)poll(nullptr, 0, step_ms);
     }
     return 0;
 }
@@ -223,5 +243,6 @@ void *social_media_thread(void *start)
     }
     free_worker(worker);
     crashdump_thread_exit();
+    (void)__atomic_sub_fetch(&live_workers, 1, __ATOMIC_RELEASE);
     return nullptr;
 }

@@ -22,6 +22,12 @@ extern "C" {
  */
 int32_t pelkin_start_worker(const THREAD_RECORD *record);
 
+/*
+ * Waits until every worker has ended, at most `timeout_ms` milliseconds: one in the middle of a
+ * request takes as long as its server. 0, or -1 when the time is up. Main thread.
+ */
+int32_t pelkin_wait_for_workers(int32_t timeout_ms);
+
 /* The thread's body; `start` is the worker's own memory, which it frees. Returns null. */
 void *social_media_thread(void *start);
 

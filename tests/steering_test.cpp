@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -128,6 +129,10 @@ TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 {
     log.clear();
     write_file(PELKIN_LEVEL_FILE, "5");
+    const std::string in_select = std::to_string(SYS_pselect6) + " ";
+    ASSERT_TRUE(wait_until([&] {
+        return read_file("/proc/" + std::to_string(daemon.pid) + "/syscall").starts_with(in_select);
+    }));
     signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 5");
     EXPECT_EQ(log.count("Select() returns -1 -- Interrupted system call (4)"), 1u);
 }
