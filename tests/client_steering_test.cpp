@@ -174,7 +174,9 @@ TEST(Watching, OnlyAReplyToTheProbeIsASignOfLife)
     EXPECT_EQ(alive.status, 0);
     EXPECT_EQ(alive.out.rfind("{\"alive\":true,\"answer_ms\":", 0), 0u) << alive.out;
     // Held up: nobody takes the probe.
+    siginfo_t stopped = {};
     (void)kill(daemon.pid, SIGSTOP);
+    ASSERT_EQ(waitid(P_PID, (id_t)daemon.pid, &stopped, WSTOPPED), 0); // with all its threads
     EXPECT_EQ(run_client(probe).status, 3);
     (void)kill(daemon.pid, SIGCONT);
     EXPECT_TRUE(support::reply_sockets().empty());
