@@ -140,6 +140,9 @@ TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 TEST_F(Steering, ProbesAreAnsweredAndNothingElseIs)
 {
     ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
+    // Before its first pass the main loop has no mark, and probes are dropped.
+    requester.send(Request{.url = "http://"});
+    ASSERT_TRUE(log.wait_for("fill http task failed."));
     const std::string other = probe(VOKMON_MSG_PROBE_REPLY);
     for (const std::string &bytes : {std::string("short"), probe().substr(0, 7), other}) {
         ASSERT_TRUE(requester.send(bytes, PELKIN_MONITOR_SOCKET_PATH));
