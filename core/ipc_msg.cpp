@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "log/log.h"
+#include "platform/retry_pause.h"
 
 int32_t pelkin_sock = -1;
 
@@ -56,14 +57,15 @@ int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, c
 {
     ssize_t sent = -1;
     (void)__atomic_add_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
-    errno = EBADF;
-    do {
-        if (__atomic_load_n(&is_closed, __ATOMIC_SEQ_CST) != 0) {
-            break;
-        }
+    uint32_t interrupted = 0;
+    while (__atomic_load_n(&is_closed, __ATOMIC_SEQ_CST) == 0) {
         sent = sendto(sock, buffer, length, 0, (const struct sockaddr *)address, address_length);
         // A signal during the wait for room is no verdict on the peer: nothing has been sent yet.
-    } while (sent < 0 && errno == EINTR);
+        if (sent >= 0 || errno != EINTR) {
+            break;
+        }
+        retry_pause(&interrupted);
+    }
     (void)__atomic_sub_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
     if (sent < 0) {
         PELKIN_LOG_ERROR("failed to send ipc msg.");

@@ -10,11 +10,13 @@
 #include "core/liveness.h"
 #include "core/signals.h"
 #include "log/log.h"
+#include "platform/retry_pause.h"
 #include "pool/worker_registry.h"
 
 enum loop_verdict {
     LOOP_GOES_ON,
-    LOOP_ENDS, // the request socket is gone for good
+    LOOP_FAILED, // something that was due could not be done, for now
+    LOOP_ENDS,   // the request socket is gone for good
 };
 
 // Receives one datagram. The buffer is zero behind what was received: each pass clears what it got.
@@ -33,7 +35,7 @@ static enum loop_verdict receive_request(void)
         char text[128];
         PELKIN_LOG_ERROR("VOK_RECVFROM returns %d -- %s (%d)", (int)received,
                          strerror_r(error, text, sizeof text), error);
-        return error == EBADF || error == ENOTSOCK ? LOOP_ENDS : LOOP_GOES_ON;
+        return error == EBADF || error == ENOTSOCK ? LOOP_ENDS : LOOP_FAILED;
     }
     return LOOP_GOES_ON;
 }
@@ -53,23 +55,35 @@ static enum loop_verdict run_one_pass(void)
         char text[128];
         PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready,
                            strerror_r(error, text, sizeof text), error);
-        return error == EBADF ? LOOP_ENDS : LOOP_GOES_ON;
+        return error == EBADF ? LOOP_ENDS : LOOP_FAILED;
     }
     if (ready == 0) {
         return LOOP_GOES_ON;
     }
-    if (FD_ISSET(pelkin_sock, &readable) && receive_request() == LOOP_ENDS) {
-        return LOOP_ENDS;
+    enum loop_verdict verdict = LOOP_GOES_ON;
+    if (FD_ISSET(pelkin_sock, &readable)) {
+        verdict = receive_request();
     }
-    if (FD_ISSET(signal_pipe[0], &readable)) {
-        pelkin_handle_signal(signal_pipe[0]);
+    if (verdict != LOOP_ENDS && FD_ISSET(signal_pipe[0], &readable) &&
+        pelkin_handle_signal(signal_pipe[0]) != 0) {
+        verdict = LOOP_FAILED;
     }
-    return LOOP_GOES_ON;
+    return verdict;
 }
 
 void pelkin_main_loop(void)
 {
-    while (run_one_pass() == LOOP_GOES_ON) {
+    uint32_t failed_passes = 0;
+    for (;;) {
+        const enum loop_verdict verdict = run_one_pass();
+        if (verdict == LOOP_ENDS) {
+            return;
+        }
         pelkin_release_idle_threads(&pelkin_thread_list);
+        if (verdict == LOOP_FAILED) {
+            retry_pause(&failed_passes);
+        } else {
+            failed_passes = 0;
+        }
     }
 }

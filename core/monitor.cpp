@@ -12,6 +12,7 @@
 #include "core/liveness.h"
 #include "crash/signal_stack.h"
 #include "log/log.h"
+#include "platform/retry_pause.h"
 
 static const int WAIT_MS = 5000;
 
@@ -61,27 +62,28 @@ int32_t vokmon_reply(int32_t fd)
     return 0;
 }
 
-static void discard_datagram(int32_t fd)
+static bool discard_datagram(int32_t fd)
 {
     uint8_t byte = 0;
-    (void)recv(fd, &byte, sizeof byte, MSG_DONTWAIT);
+    return recv(fd, &byte, sizeof byte, MSG_DONTWAIT) >= 0;
 }
 
 // A datagram waits. A stale daemon reads and forgets it: left in the queue, it would wake this
-// thread again at once, and be answered late.
-static void answer_if_alive(int32_t fd)
+// thread again at once, and be answered late. False when it is still there.
+static bool answer_if_alive(int32_t fd)
 {
     (void)pthread_mutex_lock(&pelkin_timestamp_lock);
     const time_t marked = pelkin_timestamp;
     (void)pthread_mutex_unlock(&pelkin_timestamp_lock);
     const int age_s = (int)(time(nullptr) - marked);
-    if (age_s < PELKIN_STALE_AFTER_S) {
-        (void)vokmon_reply(fd);
-        PELKIN_LOG_DEBUG("Pelkin udpated timestamp %d seconds ago.", age_s);
-    } else {
+    if (age_s >= PELKIN_STALE_AFTER_S) {
         PELKIN_LOG_ERROR("Pelkin has been timeout for %d seconds.", age_s);
-        discard_datagram(fd);
+        return discard_datagram(fd);
     }
+    errno = 0; // what was read and is no probe leaves it so
+    const bool is_taken = vokmon_reply(fd) == 0 || errno == 0;
+    PELKIN_LOG_DEBUG("Pelkin udpated timestamp %d seconds ago.", age_s);
+    return is_taken;
 }
 
 void *pelkin_vokmon_reply(void *)
@@ -91,14 +93,18 @@ void *pelkin_vokmon_reply(void *)
     PELKIN_LOG_DEBUG("vokmonFd=%d", fd);
     // Without a socket (-1) poll() only sleeps, and the daemon runs on unanswering.
     struct pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
+    uint32_t failures = 0;
     for (;;) {
         const int ready = poll(&watched, 1, WAIT_MS);
-        if (ready > 0) {
-            answer_if_alive(fd);
-        } else if (ready < 0 && errno != EINTR) {
+        if (ready < 0 && errno != EINTR) {
             char text[128];
             PELKIN_LOG_DEBUG("pelkin select() failed: %s, ignore",
                              strerror_r(errno, text, sizeof text));
+        }
+        if (ready < 0 || (ready > 0 && !answer_if_alive(fd))) {
+            retry_pause(&failures);
+        } else {
+            failures = 0;
         }
     }
 }

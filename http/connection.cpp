@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 
 #include "log/log.h"
+#include "platform/retry_pause.h"
 
 #if OPENSSL_VERSION_NUMBER < 0x10100000L
 #error                                                                                             \
@@ -149,10 +150,10 @@ static int32_t start_tls(int32_t sock, SSL *tls)
     // An object that was connected before would report an old handshake as the new one, and offer
     // the old session for resumption.
     (void)SSL_set_session(tls, nullptr);
-    (void)SSL_clear(tls);
+    const bool is_cleared = SSL_clear(tls) == 1; // fails without memory
     // One read takes a whole small answer, not its record header first.
     SSL_set_read_ahead(tls, 1);
-    if (SSL_set_fd(tls, sock) != 1) {
+    if (!is_cleared || SSL_set_fd(tls, sock) != 1) {
         PELKIN_LOG_ERROR("add SSL to tcp socket failed:%s", oldest_error_reason());
         return -1;
     }
@@ -202,10 +203,12 @@ int32_t pelkin_wait_socket(int32_t sock, int32_t seconds, int32_t microseconds, 
     }
     const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000L};
     struct pollfd watched = {.fd = sock, .events = events[mode], .revents = 0};
-    int rc = 0;
-    do {
+    uint32_t interrupted = 0;
+    int rc = ppoll(&watched, 1, &timeout, nullptr);
+    while (rc < 0 && errno == EINTR) {
+        retry_pause(&interrupted);
         rc = ppoll(&watched, 1, &timeout, nullptr);
-    } while (rc < 0 && errno == EINTR);
+    }
     if (rc > 0 && (watched.revents & POLLNVAL) != 0) {
         errno = EBADF;
         return -1;

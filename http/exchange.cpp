@@ -11,6 +11,7 @@
 #include "http/connection.h"
 #include "http/request.h"
 #include "log/log.h"
+#include "platform/retry_pause.h"
 
 static const size_t ERROR_TEXT_SIZE = 256; // what ERR_error_string() asks for
 
@@ -138,6 +139,7 @@ static bool is_cleanly_ended(struct answer *answer)
 static void receive_bytes(int32_t sock, SSL *tls, answer_reader read_some, struct answer *answer)
 {
     int16_t mode = PELKIN_WAIT_READABLE;
+    uint32_t without_bytes = 0;
     bool must_wait = tls == nullptr || SSL_has_pending(tls) == 0;
     for (;;) {
         if (must_wait && pelkin_wait_socket(sock, PELKIN_HTTP_WAIT_S, 0, mode) <= 0) {
@@ -152,6 +154,11 @@ static void receive_bytes(int32_t sock, SSL *tls, answer_reader read_some, struc
                       answer->length, &got);
         if (event == READ_ENDED || (event == READ_GOT_BYTES && accept_bytes(answer, got))) {
             return;
+        }
+        if (event == READ_GOT_BYTES) {
+            without_bytes = 0;
+        } else {
+            retry_pause(&without_bytes);
         }
         mode = event == READ_WAIT_WRITABLE ? PELKIN_WAIT_WRITABLE : PELKIN_WAIT_READABLE;
         // Records that the library has taken off the socket already make it readable no more.
@@ -191,10 +198,12 @@ int32_t pelkin_send_http_req(int32_t sock, const char *request, int32_t length,
     // One look for both: room to write, and bytes (or an end) that must not be there yet.
     const struct timespec timeout = {.tv_sec = PELKIN_HTTP_WAIT_S, .tv_nsec = 0};
     struct pollfd watched = {.fd = sock, .events = POLLIN | POLLOUT, .revents = 0};
-    int ready = 0;
-    do {
+    uint32_t interrupted = 0;
+    int ready = ppoll(&watched, 1, &timeout, nullptr);
+    while (ready < 0 && errno == EINTR) {
+        retry_pause(&interrupted);
         ready = ppoll(&watched, 1, &timeout, nullptr);
-    } while (ready < 0 && errno == EINTR);
+    }
     if (ready <= 0) {
         PELKIN_LOG_ERROR("Socket I/O Write Timeout");
         return -1;

@@ -26,6 +26,7 @@
 #include <unistd.h>
 
 #include "log/log.h"
+#include "platform/retry_pause.h"
 
 int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
 {
@@ -71,11 +72,14 @@ static void log_send_error(int error)
 int32_t send_data(int32_t fd, const void *buffer, size_t length)
 {
     const uint8_t *bytes = (const uint8_t *)buffer;
+    uint32_t interrupted = 0;
     for (size_t done = 0; done < length;) {
         const ssize_t written = write(fd, bytes + done, length - done);
         if (written >= 0) {
             done += (size_t)written;
-        } else if (errno != EINTR) {
+        } else if (errno == EINTR) {
+            retry_pause(&interrupted);
+        } else {
             const int error = errno;
             log_send_error(error);
             return error;
@@ -97,6 +101,7 @@ int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
 int32_t read_data(int32_t fd, void *buffer, size_t length)
 {
     uint8_t *bytes = (uint8_t *)buffer;
+    uint32_t without_data = 0;
     for (size_t done = 0; done < length;) {
         const ssize_t got = read(fd, bytes + done, length - done);
         if (got == 0) {
@@ -104,7 +109,10 @@ int32_t read_data(int32_t fd, void *buffer, size_t length)
         }
         if (got > 0) {
             done += (size_t)got;
-        } else if (errno != EINTR && errno != EAGAIN) {
+            without_data = 0;
+        } else if (errno == EINTR || errno == EAGAIN) {
+            retry_pause(&without_data);
+        } else {
             const int error = errno;
             char text[128];
             PELKIN_LOG_ERROR("failed to read data, err(%d):%s", error,

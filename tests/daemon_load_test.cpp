@@ -155,6 +155,25 @@ TEST_F(Load, RequesterThatNeverReadsHoldsUpNobodyElse)
     EXPECT_EQ(requester.ask(post("still", "127.0.0.2/p")), "still");
 }
 
+TEST_F(Load, ReceiveThatKeepsFailingIsRepeatedWithPausesAndThenServed)
+{
+    const std::string trace = "/tmp/strace-of-main";
+    // The main thread alone is traced. The leak check cannot run there.
+    Daemon daemon({"env", "ASAN_OPTIONS=detect_leaks=0", "strace", "-D", "-qq", "-o", trace, "-e",
+                   "trace=recvfrom,?nanosleep,?clock_nanosleep", "-e",
+                   "inject=recvfrom:error=ENOMEM:when=1..40", "PELKIN"});
+    gate.open();
+    EXPECT_EQ(requester.ask(post("served in the end")), "served in the end");
+    EXPECT_EQ(log.count("VOK_RECVFROM returns -1 -- Cannot allocate memory (12)"), 40u);
+    const std::string calls = read_file(trace);
+    size_t pauses = 0;
+    for (size_t at = calls.find("nanosleep("); at != std::string::npos;
+         at = calls.find("nanosleep(", at + 1)) {
+        pauses++;
+    }
+    EXPECT_GE(pauses, 8u) << "it would spin";
+}
+
 TEST_F(Load, HostileServersNeitherStopTheDaemonNorDelayOthers)
 {
     const std::string head = "HTTP/1.0 200 OK\r\nContent-Length: ";

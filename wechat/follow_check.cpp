@@ -6,6 +6,7 @@
 #include "crash/signal_stack.h"
 #include "http/connection.h"
 #include "log/log.h"
+#include "platform/retry_pause.h"
 #include "pool/minute_clock.h"
 #include "wechat/access_token.h"
 #include "wechat/batch_query.h"
@@ -85,9 +86,14 @@ int32_t wechat_check_clients_of_all_accounts(void)
 void *wechat_thread(void *)
 {
     (void)crashdump_thread_init();
+    uint32_t failed_waits = 0;
     for (;;) {
         struct timeval wait = {.tv_sec = WECHAT_CHECK_PERIOD_S, .tv_usec = 0};
-        (void)select(0, nullptr, nullptr, nullptr, &wait);
+        if (select(0, nullptr, nullptr, nullptr, &wait) < 0) {
+            retry_pause(&failed_waits);
+        } else {
+            failed_waits = 0;
+        }
         (void)wechat_check_clients_of_all_accounts();
         wechat_delete_idle_account();
     }
