@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,14 @@
 
 int32_t signal_pipe[2] = {-1, -1};
 
+// Unread bytes in the pipe from which further signals count as lost: half of what it takes. A full
+// pipe blocks its writer, and in the handler that could be the pipe's only reader. With half of it
+// free, every thread of the process may be in the handler at once. Written before the handler is
+// installed.
+static int signal_bytes_max;
+// Of a flood of lost signals a line each would hold the main loop up for longer than the flood.
+static const uint32_t LOST_SIGNALS_TOLD = 16;
+
 // What the handler could not pass on: how many numbers, and why the latest. Atomic: written by the
 // handler on any thread, taken by the main thread.
 static uint32_t lost_signals;
@@ -25,8 +34,12 @@ void pelkin_signal_handler(int signal_number)
 {
     const int saved_errno = errno;
     const int32_t number = signal_number;
+    int unread = 0;
     errno = 0;
-    if (write(signal_pipe[1], &number, sizeof number) != (ssize_t)sizeof number) {
+    if (ioctl(signal_pipe[1], FIONREAD, &unread) == 0 && unread >= signal_bytes_max) {
+        errno = EAGAIN;
+    }
+    if (errno != 0 || write(signal_pipe[1], &number, sizeof number) != (ssize_t)sizeof number) {
         __atomic_store_n(&lost_signal_errno, errno, __ATOMIC_RELAXED);
         (void)__atomic_add_fetch(&lost_signals, 1, __ATOMIC_RELEASE);
     }
@@ -35,8 +48,8 @@ void pelkin_signal_handler(int signal_number)
 
 void pelkin_report_lost_signals(void)
 {
-    uint32_t lost = __atomic_exchange_n(&lost_signals, 0, __ATOMIC_ACQUIRE);
-    for (; lost > 0; lost--) {
+    const uint32_t lost = __atomic_exchange_n(&lost_signals, 0, __ATOMIC_ACQUIRE);
+    for (uint32_t told = 0; told < lost && told < LOST_SIGNALS_TOLD; told++) {
         const int error = __atomic_load_n(&lost_signal_errno, __ATOMIC_RELAXED);
         char text[128];
         PELKIN_LOG_ERROR("write signal number to pipe fail. errno=%d,%s\n", error,
@@ -50,6 +63,7 @@ static int open_signal_pipe(void)
     if (pipe2(signal_pipe, O_CLOEXEC) != 0) {
         return -1;
     }
+    signal_bytes_max = fcntl(signal_pipe[1], F_GETPIPE_SZ) / 2;
     if (signal_pipe[0] < FD_SETSIZE) {
         return 0;
     }
@@ -81,13 +95,13 @@ int32_t pelkin_signal_init(void)
     return 0;
 }
 
-void pelkin_handle_signal(int32_t read_end)
+int32_t pelkin_handle_signal(int32_t read_end)
 {
     int32_t number = 0;
     const ssize_t got = read(read_end, &number, sizeof number);
     if (got != (ssize_t)sizeof number) {
         PELKIN_LOG_ERROR("the bytes of signal number read from pipe invalid: %d\n", (int)got);
-        return;
+        return -1;
     }
     switch (number) {
     case SIGUSR1:
@@ -105,6 +119,7 @@ void pelkin_handle_signal(int32_t read_end)
         PELKIN_LOG_ERROR("No handler for Signal %d\n", number);
         break;
     }
+    return 0;
 }
 
 int32_t pelkin_read_log_level_file(int32_t *level)

@@ -25,13 +25,23 @@ extern int32_t signal_pipe[2];
 /* Makes the pipe and installs the handlers. 0, or -1 (logged). Main thread, once, at start-up. */
 int32_t pelkin_signal_init(void);
 
-/* The handler. Any thread, in signal context: async-signal-safe calls only. */
+/*
+ * The handler. Any thread, in signal context: async-signal-safe calls only. A number for which the
+ * pipe has no room is lost and counted: waiting for room could be the main thread waiting for
+ * itself.
+ */
 void pelkin_signal_handler(int signal_number);
 
-/* Takes one signal number from the pipe and acts on it. Main thread, when the pipe is readable. */
-void pelkin_handle_signal(int32_t read_end);
+/*
+ * Takes one signal number from the pipe and acts on it. 0, or -1 (logged) when none could be read.
+ * Main thread, when the pipe is readable.
+ */
+int32_t pelkin_handle_signal(int32_t read_end);
 
-/* Logs every signal that the handler could not pass on since the last call. Main thread. */
+/*
+ * Logs the signals that the handler could not pass on since the last call, of a flood the first
+ * few. Main thread.
+ */
 void pelkin_report_lost_signals(void);
 
 /* The action of SIGUSR1: the file's level, or 3 (error) when it holds no number. Main thread. */

@@ -45,6 +45,18 @@ struct Steering : testing::Test {
         EXPECT_TRUE(log.wait_for(confirmation, before + 1)) << confirmation;
     }
 
+    void stop_main_thread()
+    {
+        ASSERT_EQ(ptrace(PTRACE_SEIZE, daemon.pid, nullptr, nullptr), 0);
+        ASSERT_EQ(ptrace(PTRACE_INTERRUPT, daemon.pid, nullptr, nullptr), 0);
+        int status = 0;
+        ASSERT_EQ(waitpid(daemon.pid, &status, __WALL), daemon.pid);
+    }
+    void resume_main_thread()
+    {
+        ASSERT_EQ(ptrace(PTRACE_DETACH, daemon.pid, nullptr, nullptr), 0);
+    }
+
     Requester requester;
     SyslogSink log;
     Daemon daemon;
@@ -125,6 +137,20 @@ TEST_F(Steering, ThousandSignalsAmongTenThousandRequestsLoseNeither)
     EXPECT_EQ(requester.ask({.url = "http://127.0.0.1/"}), "ok");
 }
 
+// The handler runs on the main thread too, which alone empties the pipe that it writes to: a pipe
+// that is nearly full must lose signals instead of taking the last ones it has room for.
+TEST_F(Steering, FloodOfSignalsNeverFillsThePipe)
+{
+    stop_main_thread();
+    for (int i = 0; i < 200000; i++) { // a signal merges with one that is still pending
+        ASSERT_EQ(kill(daemon.pid, SIGCHLD), 0);
+    }
+    resume_main_thread();
+    EXPECT_TRUE(log.wait_for("write signal number to pipe fail. errno=11,"));
+    write_file(PELKIN_LEVEL_FILE, "5");
+    signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 5");
+}
+
 TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 {
     log.clear();
@@ -177,12 +203,7 @@ unsigned long cpu_ticks(pid_t pid)
 TEST_F(Steering, HeldUpMainLoopFallsSilentAndSendsNoLateReplies)
 {
     ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
-    // Stops the main thread alone.
-    ASSERT_EQ(ptrace(PTRACE_SEIZE, daemon.pid, nullptr, nullptr), 0);
-    ASSERT_EQ(ptrace(PTRACE_INTERRUPT, daemon.pid, nullptr, nullptr), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(daemon.pid, &status, __WALL), daemon.pid);
-
+    stop_main_thread();
     const time_t stopped = time(nullptr);
     ASSERT_TRUE(wait_until([&] { return time(nullptr) - stopped > PELKIN_STALE_AFTER_S; }));
     const unsigned long before = cpu_ticks(daemon.pid);
@@ -195,7 +216,7 @@ TEST_F(Steering, HeldUpMainLoopFallsSilentAndSendsNoLateReplies)
               3u); // one a probe: the thread does not spin
     EXPECT_LE(cpu_ticks(daemon.pid) - before, 20u);
 
-    ASSERT_EQ(ptrace(PTRACE_DETACH, daemon.pid, nullptr, nullptr), 0);
+    resume_main_thread();
     // Once the loop has made a pass, the next probe is answered, and only that one.
     requester.send(Request{.url = "http://"});
     ASSERT_TRUE(log.wait_for("fill http task failed."));
