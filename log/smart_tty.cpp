@@ -10,6 +10,7 @@
 #include "log/smart_tty.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <stdio.h>
@@ -165,6 +166,18 @@ static size_t format_text(char text[SMART_TTY_TEXT_MAX + 1], const char *format,
     return length;
 }
 
+// A full queue or an absent service loses the record: logging never waits. But a service that was
+// restarted is another one for the kernel, to which the socket is not connected yet.
+static void send_record(const struct unix_sock *sock, const struct smart_tty_msg *record,
+                        size_t length)
+{
+    const ssize_t sent = send(sock->fd, record, length, MSG_NOSIGNAL);
+    const bool is_unconnected = sent < 0 && (errno == ECONNREFUSED || errno == ENOTCONN);
+    if (is_unconnected && unix_sock_reconnect(sock) == 0) {
+        (void)send(sock->fd, record, length, MSG_NOSIGNAL);
+    }
+}
+
 // Sends the record while the channel is enabled. Returns the status that it saw.
 static uint32_t send_to_service(const struct smart_tty_ctrl *ctrl, struct smart_tty_msg *record,
                                 uint32_t model, uint32_t priority, size_t length)
@@ -177,8 +190,7 @@ static uint32_t send_to_service(const struct smart_tty_ctrl *ctrl, struct smart_
         record->model = model;
         record->level = priority & 7u;
         record->kind = SMART_TTY_KIND;
-        // A full queue or an absent service loses the record: logging never waits.
-        (void)send(ctrl->socket.fd, record, SMART_TTY_HEADER_SIZE + length, MSG_NOSIGNAL);
+        send_record(&ctrl->socket, record, SMART_TTY_HEADER_SIZE + length);
     }
     (void)__atomic_sub_fetch(&prints_under_way, 1, __ATOMIC_SEQ_CST);
     return status;

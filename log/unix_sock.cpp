@@ -55,11 +55,21 @@ static int bind_local(int fd, struct sockaddr_un *local, const char *name)
     return bind(fd, (const struct sockaddr *)local, address_length(local));
 }
 
+static int connect_to(int fd, const struct sockaddr_un *peer)
+{
+    return connect(fd, (const struct sockaddr *)peer, address_length(peer));
+}
+
+int32_t unix_sock_reconnect(const struct unix_sock *sock)
+{
+    return connect_to(sock->fd, &sock->peer);
+}
+
 // A client without a name of its own keeps its socket when the daemon is absent.
 static int connect_peer(int fd, struct unix_sock *sock, const char *path, int32_t temp_name)
 {
     set_address(&sock->peer, path);
-    const int rc = connect(fd, (const struct sockaddr *)&sock->peer, address_length(&sock->peer));
+    const int rc = connect_to(fd, &sock->peer);
     return temp_name != 0 ? rc : 0;
 }
 

@@ -34,9 +34,15 @@ int32_t unix_sock_open_daemon(const char *path, struct unix_sock *sock);
  * Opens a socket connected to the daemon at `path` (cut at 107 characters). With `temp_name`
  * non-zero it is first bound to a fresh name "/tmp/uds-PID-RANDOM", so that the daemon can answer,
  * and an absent daemon is a failure; without, an absent daemon is none, and sends fail until the
- * handle is opened again. Returns the descriptor, close-on-exec, or -1.
+ * handle is opened or connected again. Returns the descriptor, close-on-exec, or -1.
  */
 int32_t unix_sock_open_client(const char *path, struct unix_sock *sock, int32_t temp_name);
+
+/*
+ * Connects a client's socket once more, to whoever serves its daemon's path now. 0, or -1 when
+ * nobody does. Never waits; several threads may do so at once.
+ */
+int32_t unix_sock_reconnect(const struct unix_sock *sock);
 
 /* The opener behind both; `daemon` and `temp_name` are flags and exclude each other. */
 int32_t unix_sock_open(const char *path, struct unix_sock *sock, int32_t daemon, int32_t temp_name);

@@ -86,6 +86,21 @@ TEST_F(LogChannel, RecordsByteByByteAndCutAtTheirLongest)
     EXPECT_TRUE(syslog_sink.wait_for("<157>")); // the whole priority, 0x9D, facility included
 }
 
+TEST(LogService, OneThatComesLateOrOnceMoreGetsTheNextRecords)
+{
+    SyslogSink syslog_sink;
+    install_fake_ttylog();
+    ASSERT_EQ(pelkin_ttylog_init(), 0); // nobody serves the path
+    for (int i = 0; i < 3; i++) {
+        smart_tty_print(&pelkin_ttylog_ctrl, 1, 0x83, "to nobody");
+        LogSink sink;
+        smart_tty_print(&pelkin_ttylog_ctrl, 1, 0x83, "%d", i);
+        EXPECT_TRUE(sink.wait_for(std::to_string(i)));
+        EXPECT_EQ(sink.all().size(), 1u);
+    }
+    EXPECT_EQ(pelkin_ttylog_unregister(), 0);
+}
+
 TEST_F(LogChannel, LongestProcessNameKeepsItsTerminator)
 {
     std::memset(pelkin_ttylog_ctrl.process, 'N', sizeof pelkin_ttylog_ctrl.process);
