@@ -47,7 +47,8 @@ int32_t pelkin_send_to_file(const char *path, const char *buffer, size_t length)
         PELKIN_LOG_ERROR("open file %s fail.", path);
         return -1;
     }
-    const bool written = write(fd, buffer, length) >= 0;
+    // A disk that fills up in the middle takes a part, without an error.
+    const bool written = write(fd, buffer, length) == (ssize_t)length;
     if (!written) {
         PELKIN_LOG_ERROR("write fail.");
     }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <random>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -303,6 +304,10 @@ TEST(AnswerFile, DirectoryModeAndOldBytes)
     EXPECT_EQ(pelkin_send_to_file("/tmp/made", "x", 1), -1) << "a directory";
     EXPECT_EQ(pelkin_send_to_file("/dev/full", "x", 1), -1) << "no room";
     EXPECT_EQ(pelkin_send_to_file("/tmp/made/answer/below", "x", 1), -1);
+    (void)mkdir("/tmp/small", 0755);
+    ASSERT_EQ(mount("none", "/tmp/small", "tmpfs", 0, "size=8k"), 0);
+    EXPECT_EQ(pelkin_send_to_file("/tmp/small/answer", std::string(20000, 'x').data(), 20000), -1)
+        << "room for a part of it";
     EXPECT_EQ(chdir("/tmp"), 0);
     EXPECT_EQ(pelkin_send_to_file("plain-name", "x", 1), 0);
     EXPECT_EQ(read_file("/tmp/plain-name"), "x");
