@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 static const size_t NUMBER_LONGEST = 40;
+// Interrupted writes of one buffer after which the rest of it is given up: the process must end.
+static const int INTERRUPTED_MOST = 100;
 
 static void put_char(struct dump_text *out, char character)
 {
@@ -87,11 +89,14 @@ void dump_put_error(struct dump_text *out, int32_t error)
 void dump_flush(struct dump_text *out)
 {
     size_t done = 0;
-    while (done < out->used) {
+    int interrupted = 0;
+    while (done < out->used && interrupted < INTERRUPTED_MOST) {
         const ssize_t written = write(out->fd, out->bytes + done, out->used - done);
         if (written > 0) {
             done += (size_t)written;
-        } else if (written == 0 || errno != EINTR) {
+        } else if (written < 0 && errno == EINTR) {
+            interrupted++;
+        } else {
             break;
         }
     }
