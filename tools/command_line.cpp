@@ -144,9 +144,8 @@ static void add_log(CLI::App &app, command *chosen)
     CLI::App *sub = app.add_subcommand("log", "Show the daemon's log live");
     sub->footer("Takes the place of the log service at /tmp/ttylog.msg while none runs, until it "
                 "is\ninterrupted; the exit status is then 0, or 2 when the place was taken. A "
-                "daemon looks\nfor the log service at its own start only: one that was started "
-                "before this view must\nbe restarted to show here. Its messages also go to the "
-                "system log, always.");
+                "daemon that\nruns already shows with its next message. Its messages also go to "
+                "the system log, always.");
     sub->final_callback([chosen] { *chosen = run_log; });
 }
 

@@ -14,7 +14,6 @@
 
 #include "log/level_names.h"
 #include "log/smart_tty.h"
-#include "tools/daemon_process.h"
 #include "tools/exit_status.h"
 #include "tools/output.h"
 #include "tools/own_socket.h"
@@ -113,18 +112,6 @@ static bool show_waiting(int fd, bool coloured)
     return write_out(lines);
 }
 
-static void say_what_to_expect()
-{
-    say("showing what arrives at %s; end with Ctrl-C", SMART_TTY_SERVICE_PATH);
-    const daemon_process daemon = find_daemon();
-    if (daemon.pid != 0) {
-        say("pelkin (pid %d) runs already, and looks for a log service at its own start only: "
-            "restart it to see its log here (systemctl restart pelkin), or read the system log "
-            "(journalctl -t pelkin -f)",
-            (int)daemon.pid);
-    }
-}
-
 int run_log()
 {
     const int fd = serve_socket(SMART_TTY_SERVICE_PATH, "the log service");
@@ -132,7 +119,7 @@ int run_log()
         return STATUS_UNREACHABLE;
     }
     end_in_order_when_interrupted();
-    say_what_to_expect();
+    say("showing what arrives at %s; end with Ctrl-C", SMART_TTY_SERVICE_PATH);
     const bool coloured = output_is_coloured();
     // Standard output is watched for its reader's end only, which would else show at the next line.
     pollfd watched[] = {{.fd = fd, .events = POLLIN, .revents = 0},
