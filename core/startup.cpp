@@ -17,6 +17,7 @@
 #include "log/log.h"
 #include "log/ttylog_modules.h"
 #include "platform/ipc_open_sock.h"
+#include "platform/thread_start.h"
 #include "pool/worker.h"
 #include "pool/worker_registry.h"
 #include "wechat/follow_check.h"
@@ -71,7 +72,7 @@ int32_t pelkin_init(void)
     }
     pelkin_thread_list = nullptr;
     pthread_t monitor; // ends with the process: neither joined nor detached
-    if (pthread_create(&monitor, nullptr, pelkin_vokmon_reply, nullptr) != 0) {
+    if (start_thread(&monitor, pelkin_vokmon_reply, nullptr) != 0) {
         PELKIN_LOG_ERROR("cannot start monitor thread for vokmon");
         return -1;
     }

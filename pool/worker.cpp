@@ -12,6 +12,7 @@
 #include "http/connection.h"
 #include "http/exchange.h"
 #include "log/log.h"
+#include "platform/thread_start.h"
 #include "pool/answer_file.h"
 #include "pool/task_pipe.h"
 #include "pool/task_slots.h"
@@ -73,7 +74,7 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
 
     pthread_t thread;
     (void)__atomic_add_fetch(&live_workers, 1, __ATOMIC_RELAXED);
-    if (pthread_create(&thread, nullptr, social_media_thread, worker) != 0) {
+    if (start_thread(&thread, social_media_thread, worker) != 0) {
         PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
         (void)__atomic_sub_fetch(&live_workers, 1, __ATOMIC_RELAXED);
         free_worker(worker);

@@ -266,7 +266,7 @@ TEST_F(Load, SmallStackCarriesTheLargestTasks)
 {
     // The address sanitizer's frames are several times as large.
     Daemon daemon({"bash", "-c",
-                   is_sanitized() ? "ulimit -s 2048; exec PELKIN" : "ulimit -s 256; exec PELKIN"});
+                   is_sanitized() ? "ulimit -s 2048; exec PELKIN" : "ulimit -s 64; exec PELKIN"});
     Server tls({.tls = true},
                serve_bodies([](const std::string &) { return std::string(61000, 'a'); }));
     gate.open();

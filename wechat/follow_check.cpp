@@ -7,6 +7,7 @@
 #include "http/connection.h"
 #include "log/log.h"
 #include "platform/retry_pause.h"
+#include "platform/thread_start.h"
 #include "pool/minute_clock.h"
 #include "wechat/access_token.h"
 #include "wechat/batch_query.h"
@@ -104,7 +105,7 @@ int32_t wechat_init(void)
     // The thread outlives the shutdown, which gives the daemon's own reference up.
     (void)SSL_CTX_up_ref(pelkin_ctx);
     pthread_t thread; // ends with the process: neither joined nor detached
-    if (pthread_create(&thread, nullptr, wechat_thread, nullptr) != 0) {
+    if (start_thread(&thread, wechat_thread, nullptr) != 0) {
         PELKIN_LOG_ERROR("cannot start wechat thread.");
         return -1;
     }
