@@ -6,13 +6,6 @@
 #include "log/log.h"
 #include "social/fbauth.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    tu_pelkin_fltlog = 1; // every message is formatted, as in the daemon
-    tu_trace_level = 0;   // and none is printed
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     struct fbauth_attr attrs = {};

@@ -6,16 +6,8 @@
 #include <string.h>
 #include <string>
 
-#include "log/log.h"
 #include "social/reauth_answer.h"
 #include "social/reauth_request.h"
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    tu_pelkin_fltlog = 1; // every message is formatted, as in the daemon
-    tu_trace_level = 0;   // and none is printed
-    return 0;
-}
 
 // Nothing lies behind the batch, so that the sanitizer sees every read too far.
 static std::unique_ptr<uint64_t[]> copy_batch(const uint8_t *data, size_t length)

@@ -6,7 +6,6 @@
 #include <string.h>
 #include <string>
 
-#include "log/log.h"
 #include "social/station_removal.h"
 #include "wechat/batch_query.h"
 
@@ -44,13 +43,6 @@ static std::string expect_deleted(const std::string &answer, const TO_CHECK_CLIE
         open = close;
     }
     return expected;
-}
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    tu_pelkin_fltlog = 1; // every message is formatted, as in the daemon
-    tu_trace_level = 0;   // and none is printed
-    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
