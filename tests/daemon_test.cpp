@@ -182,6 +182,22 @@ TEST_F(Running, NothingOfAnEarlierTaskOrAnswerShowsInALaterOne)
     }
 }
 
+TEST_F(Running, ShortPayloadReadsAsZerosAndNotAsTheMessageBefore)
+{
+    const std::string whole = datagram(post("earlier"));
+    const uint32_t head = sizeof(struct ipc_msg_hdr);
+    for (const size_t kept : {4u, 8u, 100u, 264u, 411u}) {
+        EXPECT_EQ(requester.ask(post("earlier")), "earlier");
+        const size_t refused = log.count("fill http task failed.");
+        EXPECT_TRUE(requester.send(message(PLAIN_MSG_ID, whole.substr(head, kept))));
+        if (kept <= offsetof(struct http_req_msg, url)) {
+            EXPECT_TRUE(log.wait_for("fill http task failed.", refused + 1)) << kept;
+        } else { // the URL came, the data did not
+            EXPECT_EQ(requester.receive().value_or("<none>"), answer("")) << kept;
+        }
+    }
+}
+
 TEST_F(Running, GarbageOfEverySizeIsDroppedAndServiceGoesOn)
 {
     std::mt19937 random(seed());

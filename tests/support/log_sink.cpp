@@ -44,27 +44,35 @@ static int bind_datagram(const std::string &path)
     return fd;
 }
 
-DatagramSink::DatagramSink(const std::string &path) : bound_path(path), fd(bind_datagram(path))
+DatagramReader::DatagramReader(const std::string &path, Take take)
+    : bound_path(path), fd(bind_datagram(path))
 {
-    reader = std::thread([this] {
+    thread = std::thread([this, take = std::move(take)] {
         static thread_local char buffer[70000];
         for (;;) {
             const ssize_t got = recv(fd, buffer, sizeof buffer, 0);
             if (got <= 0) {
                 return; // shut down by the destructor
             }
-            const std::lock_guard<std::mutex> lock(guard);
-            received.emplace_back(buffer, (size_t)got);
+            take(std::string_view(buffer, (size_t)got));
         }
     });
 }
 
-DatagramSink::~DatagramSink()
+DatagramReader::~DatagramReader()
 {
     (void)shutdown(fd, SHUT_RDWR);
-    reader.join();
+    thread.join();
     (void)close(fd);
     (void)unlink(bound_path.c_str());
+}
+
+DatagramSink::DatagramSink(const std::string &path)
+    : bound_path(path), reader(path, [this](std::string_view bytes) {
+          const std::lock_guard<std::mutex> lock(guard);
+          received.emplace_back(bytes);
+      })
+{
 }
 
 std::vector<std::string> DatagramSink::all()

@@ -2,8 +2,10 @@
 #ifndef PELKIN_TESTS_SUPPORT_LOG_SINK_H
 #define PELKIN_TESTS_SUPPORT_LOG_SINK_H
 
+#include <functional>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -14,12 +16,23 @@ namespace support
 {
 
 /*
- * A bound datagram socket whose thread keeps every datagram it receives. It lives as long as the
- * object; its file is replaced at the start and removed at the end.
+ * A bound datagram socket whose thread hands every datagram it receives to `take` and keeps none.
+ * It lives as long as the object; its file is replaced at the start and removed at the end.
  */
+struct DatagramReader {
+    using Take = std::function<void(std::string_view)>;
+    DatagramReader(const std::string &path, Take take);
+    ~DatagramReader();
+    DatagramReader(const DatagramReader &) = delete;
+
+    std::string bound_path;
+    int fd = -1;
+    std::thread thread;
+};
+
+/* As above, keeping them all. */
 struct DatagramSink {
     explicit DatagramSink(const std::string &path);
-    ~DatagramSink();
     DatagramSink(const DatagramSink &) = delete;
 
     std::vector<std::string> all();
@@ -30,10 +43,9 @@ struct DatagramSink {
     bool wait_for(const std::string &text, size_t times = 1, int seconds = DEADLINE_S);
 
     std::string bound_path;
-    int fd = -1;
     std::mutex guard; // of `received`
     std::vector<std::string> received;
-    std::thread reader;
+    DatagramReader reader; // last: its thread uses the others
 };
 
 /*

@@ -62,7 +62,9 @@ Requester::Requester(const std::string &path, int receive_room) : bound_path(pat
 Requester::~Requester()
 {
     (void)close(fd);
-    (void)unlink(bound_path.c_str());
+    if (!keeps_file) {
+        (void)unlink(bound_path.c_str());
+    }
 }
 
 bool Requester::send(const std::string &bytes, const std::string &to) const

@@ -49,6 +49,7 @@ struct Requester {
 
     std::string bound_path;
     int fd = -1;
+    bool keeps_file = false; // the end leaves the socket's file behind, as a crash would
 };
 
 } // namespace support

@@ -175,9 +175,19 @@ static int listen_on(const ServerOptions &options)
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (options.receive_room > 0) {
+        (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &options.receive_room, sizeof(int));
+    }
     check(bind(fd, (const sockaddr *)&address, sizeof address) == 0, "bind");
     check(listen(fd, 1024) == 0, "listen");
     return fd;
+}
+
+static bool shake_hands(const Server *server, const Connection &connection)
+{
+    (void)SSL_set_fd(connection.tls, connection.fd);
+    return (!server->before_handshake || server->before_handshake(connection.fd)) &&
+           SSL_accept(connection.tls) == 1;
 }
 
 // A descriptor is closed only after it has left the list, so that stop() never cuts a stranger's.
@@ -188,8 +198,7 @@ static void run_connection(Server *server, int fd, int number)
     connection.number = number;
     if (server->context != nullptr) {
         connection.tls = SSL_new(server->context);
-        (void)SSL_set_fd(connection.tls, fd);
-        if (SSL_accept(connection.tls) != 1) {
+        if (!shake_hands(server, connection)) {
             connection.fd = -1;
         } else if (SSL_session_reused(connection.tls) != 0) {
             server->resumed++;
@@ -202,9 +211,23 @@ static void run_connection(Server *server, int fd, int number)
     {
         const std::lock_guard<std::mutex> lock(server->guard);
         std::erase(server->open_fds, fd);
+        server->ended_threads.push_back(std::this_thread::get_id());
     }
     (void)close(fd);
     SSL_free(connection.tls);
+}
+
+// With the guard held: such a thread has nothing left to do that needs it.
+static void join_ended_threads(Server *server)
+{
+    for (const std::thread::id ended : server->ended_threads) {
+        const auto found =
+            std::find_if(server->threads.begin(), server->threads.end(),
+                         [ended](const std::thread &thread) { return thread.get_id() == ended; });
+        found->join();
+        server->threads.erase(found);
+    }
+    server->ended_threads.clear();
 }
 
 static void accept_all(Server *server)
@@ -217,6 +240,7 @@ static void accept_all(Server *server)
         const int on = 1;
         (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         const std::lock_guard<std::mutex> lock(server->guard);
+        join_ended_threads(server);
         server->open_fds.push_back(fd);
         const int number = ++server->connections;
         server->threads.emplace_back(run_connection, server, fd, number);
@@ -225,7 +249,7 @@ static void accept_all(Server *server)
 
 Server::Server(const ServerOptions &options, Script with_script)
     : listener(listen_on(options)), context(options.tls ? make_context(options) : nullptr),
-      script(std::move(with_script))
+      before_handshake(options.before_handshake), script(std::move(with_script))
 {
     (void)signal(SIGPIPE, SIG_IGN); // the library writes without MSG_NOSIGNAL
     acceptor = std::thread(accept_all, this);

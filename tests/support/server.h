@@ -49,11 +49,15 @@ struct ServerOptions {
     bool sha1 = false;      // signs the certificate with SHA-1
     int lowest_version = 0; // TLS1_VERSION..., 0: the library's
     int highest_version = 0;
+    int receive_room = 0; // bytes that a client can send before the script reads; 0: the system's
     int security_level = -1; // -1: the library's
+    /* Called before each TLS handshake, on the connection's thread; false ends the connection. */
+    std::function<bool(int fd)> before_handshake = nullptr;
 };
 
 /* Listens from construction to destruction; each connection runs `script` on a thread of its own
- * and is closed in an orderly way when the script returns. */
+ * and is closed in an orderly way when the script returns. Threads of ended connections go with the
+ * next connection, so that a server may run for hours. */
 struct Server {
     Server(const ServerOptions &options, Script script);
     ~Server();
@@ -67,10 +71,12 @@ struct Server {
 
     int listener = -1;
     SSL_CTX *context = nullptr;
+    std::function<bool(int fd)> before_handshake;
     Script script;
-    std::mutex guard; // of the two below
+    std::mutex guard; // of the three below
     std::vector<int> open_fds;
     std::vector<std::thread> threads;
+    std::vector<std::thread::id> ended_threads;
     std::thread acceptor;
 };
 
