@@ -169,10 +169,10 @@ size_t count_threads(pid_t pid)
 size_t resident_kib(pid_t pid)
 {
     const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
-    const size_t at = status.find("VmRSS:");
+    const size_t at = status.find("RssAnon:");
     return at == std::string::npos
                ? 0
-               : std::strtoul(status.c_str() + at + std::strlen("VmRSS:"), nullptr, 10);
+               : std::strtoul(status.c_str() + at + std::strlen("RssAnon:"), nullptr, 10);
 }
 
 size_t count_semaphore_sets()

@@ -48,7 +48,10 @@ struct Daemon {
 /* True when a process receives on the Unix datagram socket `path`. */
 bool is_served(const std::string &path);
 
-/* Open descriptors, threads and resident memory of a process. */
+/*
+ * Open descriptors, threads and resident memory of a process: the memory that is its own. How much
+ * of its program and libraries is resident is the system's business.
+ */
 size_t count_descriptors(pid_t pid);
 size_t count_threads(pid_t pid);
 size_t resident_kib(pid_t pid);
