@@ -30,7 +30,8 @@ static int32_t make_directory_of(const char *path)
         (void)closedir(existing);
         return 0;
     }
-    if (errno == ENOENT && mkdir(directory, 0755) != 0) {
+    // Another worker may make the same one meanwhile.
+    if (errno == ENOENT && mkdir(directory, 0755) != 0 && errno != EEXIST) {
         PELKIN_LOG_ERROR("make directory failed:%s.", directory);
         return -1;
     }

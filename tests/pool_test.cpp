@@ -1,5 +1,6 @@
 // The task pipe, the workers' registry and the delivery to files.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -284,6 +285,26 @@ TEST_F(Registry, EverythingGoesOnFailureAndAtTheEnd)
     EXPECT_EQ(pelkin_thread_list, nullptr);
     EXPECT_EQ(count_semaphore_sets(), 0u);
     EXPECT_EQ(count_descriptors(getpid()), before);
+}
+
+TEST(AnswerFile, WorkersThatNeedTheSameNewDirectoryAllWrite)
+{
+    constexpr int DIRECTORIES = 300;
+    std::atomic<int> arrived = 0;
+    std::atomic<int> failed = 0;
+    const auto write_all = [&](const char *name) {
+        for (int i = 0; i < DIRECTORIES; i++) {
+            const int turn = 2 * (i + 1);
+            for (arrived++; arrived < turn;) { // both set out at once
+            }
+            const std::string path = "/tmp/shared-" + std::to_string(i) + "/" + name;
+            failed += pelkin_send_to_file(path.c_str(), "x", 1) != 0 ? 1 : 0;
+        }
+    };
+    std::thread other(write_all, "other");
+    write_all("one");
+    other.join();
+    EXPECT_EQ(failed, 0);
 }
 
 TEST(AnswerFile, DirectoryModeAndOldBytes)
