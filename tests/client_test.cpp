@@ -265,6 +265,7 @@ TEST(Client, SocketsGoOnEveryWayOut)
 {
     const support::Requester fake(FAKE);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        (void)signal(number, SIG_DFL); // whatever the test was started with
         Client client(
             to_fake({"fbauth", "h", "--mac", "02:00:00:00:00:01", "--data", "t", "--as-kivren"}));
         ASSERT_TRUE(fake.receive());
