@@ -13,7 +13,7 @@ extern "C" {
  * Bytes of stack that every thread has at least: the deepest chain of calls holds a report and the
  * message made of it, or a request and the TLS library, some 130 KiB.
  */
-#define THREAD_STACK_LEAST (256u * 1024u)
+#define THREAD_STACK_LEAST 262144u
 
 /*
  * Starts a thread with default attributes, but for a stack that would be smaller than
