@@ -338,8 +338,9 @@ TEST_F(Load, HundredLostServersLeaveNoThreadOrMemoryBehind)
     const size_t threads = count_threads(daemon.pid);
     const size_t resident = resident_kib(daemon.pid);
     run(100);
-    EXPECT_TRUE(wait_until([&] { return count_descriptors(daemon.pid) == descriptors; }));
-    EXPECT_TRUE(wait_until([&] { return count_threads(daemon.pid) == threads; }));
+    // The last worker may not have left yet, now as then.
+    EXPECT_TRUE(wait_until([&] { return count_descriptors(daemon.pid) <= descriptors; }));
+    EXPECT_TRUE(wait_until([&] { return count_threads(daemon.pid) <= threads; }));
     EXPECT_EQ(count_semaphore_sets(), 1u);
     if (!is_sanitized()) {
         EXPECT_LE(resident_kib(daemon.pid), resident + 256);
