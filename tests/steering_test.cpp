@@ -54,6 +54,12 @@ struct Steering : testing::Test {
         EXPECT_TRUE(log.wait_for(confirmation, before + 1)) << confirmation;
     }
 
+    // The start-up is over, and what it left in the signal pipe has been read.
+    void wait_for_main_loop()
+    {
+        requester.send(Request{.url = "http://"});
+        ASSERT_TRUE(log.wait_for("fill http task failed."));
+    }
     void stop_main_thread()
     {
         ASSERT_EQ(ptrace(PTRACE_SEIZE, daemon.pid, nullptr, nullptr), 0);
@@ -166,9 +172,7 @@ int open_signal_pipe(pid_t pid)
 // for.
 TEST_F(Steering, FloodOfSignalsNeverFillsThePipe)
 {
-    // All threads are there once the main loop runs.
-    requester.send(Request{.url = "http://"});
-    ASSERT_TRUE(log.wait_for("fill http task failed."));
+    wait_for_main_loop(); // all threads are there then
     const int pipe = open_signal_pipe(daemon.pid);
     ASSERT_GE(pipe, 0);
     const std::vector<int32_t> flood((size_t)fcntl(pipe, F_GETPIPE_SZ) / 2 / sizeof(int32_t),
@@ -187,6 +191,7 @@ TEST_F(Steering, FloodOfSignalsNeverFillsThePipe)
 
 TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 {
+    wait_for_main_loop();
     log.clear();
     write_file(PELKIN_LEVEL_FILE, "5");
     const std::string in_select = std::to_string(SYS_pselect6) + " ";
@@ -200,9 +205,7 @@ TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 TEST_F(Steering, ProbesAreAnsweredAndNothingElseIs)
 {
     ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
-    // Before its first pass the main loop has no mark, and probes are dropped.
-    requester.send(Request{.url = "http://"});
-    ASSERT_TRUE(log.wait_for("fill http task failed."));
+    wait_for_main_loop(); // before its first pass it has no mark, and probes are dropped
     const std::string other = probe(VOKMON_MSG_PROBE_REPLY);
     for (const std::string &bytes : {std::string("short"), probe().substr(0, 7), other}) {
         ASSERT_TRUE(requester.send(bytes, PELKIN_MONITOR_SOCKET_PATH));
