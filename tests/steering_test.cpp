@@ -191,15 +191,21 @@ TEST_F(Steering, FloodOfSignalsNeverFillsThePipe)
 
 TEST_F(Steering, OneSignalInTheWaitGivesOneWarningAndThenItsAction)
 {
-    wait_for_main_loop();
-    log.clear();
     write_file(PELKIN_LEVEL_FILE, "5");
     const std::string in_select = std::to_string(SYS_pselect6) + " ";
-    ASSERT_TRUE(wait_until([&] {
-        return read_file("/proc/" + std::to_string(daemon.pid) + "/syscall").starts_with(in_select);
-    }));
-    signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 5");
-    EXPECT_EQ(log.count("Select() returns -1 -- Interrupted system call (4)"), 1u);
+    size_t warnings = 0;
+    // A signal that comes as the wait is just over interrupts nothing; one of a few does.
+    for (int i = 0; i < 10 && warnings == 0; i++) {
+        wait_for_main_loop();
+        log.clear();
+        ASSERT_TRUE(wait_until([&] {
+            return read_file("/proc/" + std::to_string(daemon.pid) + "/syscall")
+                .starts_with(in_select);
+        }));
+        signal_and_wait(SIGUSR1, "received SIGUSR1, set log_level = 5");
+        warnings = log.count("Select() returns -1 -- Interrupted system call (4)");
+    }
+    EXPECT_EQ(warnings, 1u);
 }
 
 TEST_F(Steering, ProbesAreAnsweredAndNothingElseIs)
