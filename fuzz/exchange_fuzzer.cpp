@@ -103,7 +103,9 @@ static result check_answer(int32_t rc, const char *buffer, int32_t length, size_
 static std::vector<result> carry_out(const std::vector<script_block> &script, bool is_https,
                                      size_t which)
 {
-    static struct http_task task = {.http_req_type = 0, .host = "h", .path = "/"};
+    static struct http_task task;
+    task.host[0] = 'h';
+    task.path[0] = '/';
     task.is_https = is_https ? 1 : 0;
     std::vector<result> results;
     server_start(&script);

@@ -22,10 +22,15 @@ static const rlim_t OLD_LIMIT = 4096;
 static bool is_limit_stand_in;
 static rlim_t limits[2];
 
+#ifdef __clang__
+#define UNCHECKED __attribute__((no_sanitize("address", "undefined", "coverage")))
+#else
+#define UNCHECKED __attribute__((no_sanitize("address", "undefined")))
+#endif
+
 // The sanitizer sets limits of its own, before its checks of memory work: those calls go through.
 extern "C" int __real_setrlimit(int resource, const struct rlimit *limit);
-extern "C" __attribute__((no_sanitize("address", "undefined", "coverage"))) int
-__wrap_setrlimit(int resource, const struct rlimit *limit)
+extern "C" UNCHECKED int __wrap_setrlimit(int resource, const struct rlimit *limit)
 {
     if (!is_limit_stand_in || resource != RLIMIT_CORE) {
         return __real_setrlimit(resource, limit);
