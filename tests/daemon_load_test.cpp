@@ -333,15 +333,17 @@ TEST_F(Load, HundredLostServersLeaveNoThreadOrMemoryBehind)
             ASSERT_TRUE(log.wait_for("thread exit: 127.0.6.1:80", ended + 1));
         }
     };
-    run(20);
-    const size_t descriptors = count_descriptors(daemon.pid);
+    EXPECT_EQ(requester.ask(post("all threads stand", "127.0.0.2/p")), "all threads stand");
     const size_t threads = count_threads(daemon.pid);
+    const auto have_left = [&] { return count_threads(daemon.pid) == threads; };
+    run(20);
+    EXPECT_TRUE(wait_until(have_left));
+    const size_t descriptors = count_descriptors(daemon.pid);
     const size_t resident = resident_kib(daemon.pid);
     run(100);
-    // The last worker may not have left yet, now as then.
-    EXPECT_TRUE(wait_until([&] { return count_descriptors(daemon.pid) <= descriptors; }));
-    EXPECT_TRUE(wait_until([&] { return count_threads(daemon.pid) <= threads; }));
-    EXPECT_EQ(count_semaphore_sets(), 1u);
+    EXPECT_TRUE(wait_until(have_left));
+    EXPECT_EQ(count_descriptors(daemon.pid), descriptors);
+    EXPECT_EQ(count_semaphore_sets(), 2u);
     if (!is_sanitized()) {
         EXPECT_LE(resident_kib(daemon.pid), resident + 256);
     }

@@ -1,4 +1,5 @@
-// The running daemon: start-up, intake, the road to a server and back, and the orderly stop.
+// The running daemon: start-up, intake, the road to a server and back, and the orderly stop. How a
+// datagram becomes a task is the business of fuzz/intake_fuzzer and fuzz/url_split_fuzzer.
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -7,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/intake.h"
 #include "core/ipc_msg.h"
 #include "core/monitor.h"
 #include "core/startup.h"
@@ -48,66 +48,6 @@ TEST(StartUp, SecondDaemonIsRefusedAndAStaleSocketReplaced)
     ASSERT_EQ(access(PELKIN_SOCKET_PATH, F_OK), 0) << "a killed daemon leaves its file";
     Daemon third;
     EXPECT_EQ(requester.ask(request), "still here");
-}
-
-TEST(Intake, UrlIsSplitAsItStands)
-{
-    const std::string longest(127, 'h');
-    const std::string wide(PELKIN_URL_SIZE, 'p');
-    std::string wide_path(PELKIN_URL_SIZE - 1, 'p');
-    wide_path[0] = '/';
-    struct Expected {
-        std::string url;
-        int32_t result;
-        uint32_t is_https;
-        std::string host, path;
-    };
-    const Expected cases[] = {
-        {"https://h.example/p/q?a=b&c=%2F#d", 0, 1, "h.example", "/p/q?a=b&c=%2F#d"},
-        {"http://h.example:8080/p", 0, 0, "h.example:8080", "/p"},
-        {"h.example/p//q", 0, 0, "h.example", "/p//q"},
-        {"https://h.example", 0, 1, "h.example", "/"},
-        {"HTTPS://h.example/p", 0, 0, "HTTPS:", "//h.example/p"},
-        {"http:/h.example/p", 0, 0, "http:", "/h.example/p"},
-        {"https:///p", -1, 1, "", ""},
-        {"/p", -1, 0, "", ""},
-        {"", -1, 0, "", ""},
-        {"http://", -1, 0, "", ""},
-        {"h/a b", 0, 0, "h", "/a"},
-        {"h/a\tb\r\nX: y", 0, 0, "h", "/a"},
-        {"h/\v", 0, 0, "h", "/"},
-        {longest + "/p", 0, 0, longest, "/p"},
-        {longest, 0, 0, longest, "/"},
-        {longest + "h/p", -1, 0, "", ""},
-        {"https://" + longest + "h", -1, 1, "", ""},
-        {"h" + wide_path, 0, 0, "h", wide_path},
-        {wide, -1, 0, "", ""},
-    };
-    const struct sockaddr_un sender = {.sun_family = AF_UNIX, .sun_path = "/tmp/sender"};
-    for (const Expected &one : cases) {
-        struct {
-            struct http_req_msg record;
-            char data[8];
-        } request = {};
-        one.url.copy(request.record.url, PELKIN_URL_SIZE);
-        // Whatever stands behind an unterminated field must not become part of it.
-        std::memset(request.record.file_path, 'f', sizeof request.record.file_path);
-        request.record.len = 3;
-        std::memcpy(request.data, "abcdefgh", 8);
-        auto task = std::make_unique<struct http_task>();
-        EXPECT_EQ(pelkin_fill_http_task(77, task.get(), &request.record, &sender, 13), one.result)
-            << one.url;
-        if (one.result == 0) {
-            EXPECT_EQ(task->is_https, one.is_https) << one.url;
-            EXPECT_EQ(task->host, one.host);
-            EXPECT_EQ(task->path, one.path);
-            EXPECT_EQ(task->file_path, std::string(141, 'f'));
-            EXPECT_EQ(task->dataLen, 3);
-            EXPECT_STREQ((const char *)task->data, "abc");
-            EXPECT_EQ(task->msg_id, 77u);
-            EXPECT_STREQ(task->peer_addr.sun_path, "/tmp/sender");
-        }
-    }
 }
 
 namespace
