@@ -8,13 +8,12 @@
 #include <netinet/tcp.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 
 #include "log/log.h"
-#include "platform/retry_pause.h"
+#include "platform/poll_one.h"
 
 #if OPENSSL_VERSION_NUMBER < 0x10100000L
 #error                                                                                             \
@@ -201,14 +200,8 @@ int32_t pelkin_wait_socket(int32_t sock, int32_t seconds, int32_t microseconds, 
         errno = EINVAL;
         return -1;
     }
-    const struct timespec timeout = {.tv_sec = seconds, .tv_nsec = microseconds * 1000L};
     struct pollfd watched = {.fd = sock, .events = events[mode], .revents = 0};
-    uint32_t interrupted = 0;
-    int rc = ppoll(&watched, 1, &timeout, nullptr);
-    while (rc < 0 && errno == EINTR) {
-        retry_pause(&interrupted);
-        rc = ppoll(&watched, 1, &timeout, nullptr);
-    }
+    const int32_t rc = poll_one(&watched, seconds, microseconds);
     if (rc > 0 && (watched.revents & POLLNVAL) != 0) {
         errno = EBADF;
         return -1;

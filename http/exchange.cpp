@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <openssl/err.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include "http/connection.h"
 #include "http/request.h"
 #include "log/log.h"
+#include "platform/poll_one.h"
 #include "platform/retry_pause.h"
 
 static const size_t ERROR_TEXT_SIZE = 256; // what ERR_error_string() asks for
@@ -196,15 +196,8 @@ int32_t pelkin_send_http_req(int32_t sock, const char *request, int32_t length,
                              const struct http_task *)
 {
     // One look for both: room to write, and bytes (or an end) that must not be there yet.
-    const struct timespec timeout = {.tv_sec = PELKIN_HTTP_WAIT_S, .tv_nsec = 0};
     struct pollfd watched = {.fd = sock, .events = POLLIN | POLLOUT, .revents = 0};
-    uint32_t interrupted = 0;
-    int ready = ppoll(&watched, 1, &timeout, nullptr);
-    while (ready < 0 && errno == EINTR) {
-        retry_pause(&interrupted);
-        ready = ppoll(&watched, 1, &timeout, nullptr);
-    }
-    if (ready <= 0) {
+    if (poll_one(&watched, PELKIN_HTTP_WAIT_S, 0) <= 0) {
         PELKIN_LOG_ERROR("Socket I/O Write Timeout");
         return -1;
     }
