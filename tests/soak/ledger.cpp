@@ -1,394 +1,334 @@
-#include "tests/soak/ledger.h"
-
+// Every request until it is known what became of it.
+#include <charconv>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
-#include <unistd.h>
+#include <map>
+#include <unordered_map>
+#include <utility>
 
-#include "tests/soak/faults.h"
-#include "tests/support/social_batch.h"
+#include "tests/soak/soak.h"
 
 namespace soak
 {
 
 static const int ATTEMPTS_MAX = 4; // one and three repetitions
+static const double ECHO_S = 5; // a server that went down may still read what it was asked before
+static const double LONG_AGO = -1e9;
+static const char STATUS[] = "HTTP/1.0 200 ";              // the number follows
+static const size_t REPORT_HEAD = sizeof(ipc_msg_hdr) + 8; // tag and number of stations
+static const size_t REPORT_ENTRY = 12;                     // verdict, address, padding
 
-const char *name_of(Outcome outcome)
+std::recursive_mutex ledger_guard; // of all below
+static std::unordered_map<uint32_t, Request> requests;
+static std::vector<double> down_at(targets().size(), LONG_AGO); // when a server last stopped
+static std::vector<uint32_t> untold[REQUESTERS + 1]; // of readers: finished, nothing has come
+static double away_until[REQUESTERS + 1];            // of readers
+static std::map<std::string, uint64_t, std::less<>> counts;
+
+double now_s()
 {
-    static const char *const names[] = {"answered",
-                                        "answered as far as the server went",
-                                        "dropped as asked",
-                                        "told to kivren",
-                                        "nothing to tell kivren",
-                                        "delivery failed",
-                                        "kivren not reached",
-                                        "no directory",
-                                        "no host",
-                                        "verification ignored",
-                                        "result ignored",
-                                        "no room in the pipe",
-                                        "lost with its worker"};
-    static_assert(std::size(names) == (size_t)Outcome::COUNT);
-    return names[(size_t)outcome];
+    static const auto start = std::chrono::steady_clock::now();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-Ledger::Ledger(size_t requesters) : requester_outstanding(requesters), anonymous(requesters)
+std::string hex(uint32_t number)
 {
+    char text[16];
+    (void)std::snprintf(text, sizeof text, "%08x", number);
+    return text;
 }
 
-void add_history(Entry &entry, const std::string &what)
+uint32_t number_behind(std::string_view text, std::string_view key)
 {
-    char text[128];
-    (void)std::snprintf(text, sizeof text, " +%.3f %s", now_s() - entry.sent_at, what.c_str());
-    entry.history += text;
+    const size_t at = text.find(key);
+    uint32_t number = 0;
+    if (at != std::string_view::npos) {
+        const char *digits = text.data() + at + key.size();
+        (void)std::from_chars(digits, text.data() + text.size(), number, 16);
+    }
+    return number;
 }
 
-std::string describe(const Entry &entry)
+void count(std::string_view what)
 {
-    char text[160];
-    (void)std::snprintf(text, sizeof text, "request %08x (id %08x, kind %d, requester %d) to %s",
-                        entry.plan.number, entry.plan.msg_id, (int)entry.plan.kind, entry.requester,
-                        road_name(targets()[entry.plan.target]).c_str());
-    return text + (" sent at " + std::to_string(entry.sent_at) + ":") + entry.history;
+    const Lock lock(ledger_guard);
+    const auto found = counts.find(what);
+    found != counts.end() ? ++found->second : counts[std::string(what)] = 1;
 }
 
-bool Ledger::open(const Plan &plan, int requester)
+uint64_t counted(std::string_view what)
 {
-    const std::lock_guard<std::mutex> lock(guard);
-    const bool anonymously = plan.kind == Kind::TO_SOCKET && is_anonymous(plan);
-    if (anonymously && anonymous[(size_t)requester] != 0) {
-        return false;
-    }
-    if (anonymously) {
-        anonymous[(size_t)requester] = plan.number;
-    }
-    Entry &entry = entries[plan.number];
-    entry.plan = plan;
-    entry.requester = requester;
-    entry.sent_at = now_s();
-    roads[plan.target].outstanding++;
-    requester_outstanding[(size_t)requester]++;
-    sent++;
-    return true;
+    const Lock lock(ledger_guard);
+    const auto found = counts.find(what);
+    return found == counts.end() ? 0 : found->second;
 }
 
-static void remove_entry(Ledger &ledger, const Entry &entry)
+std::string summary()
 {
-    const auto requester = (size_t)entry.requester;
-    ledger.roads[entry.plan.target].outstanding--;
-    ledger.requester_outstanding[requester]--;
-    if (ledger.anonymous[requester] == entry.plan.number) {
-        ledger.anonymous[requester] = 0;
-    }
-    ledger.entries.erase(entry.plan.number);
-}
-
-void Ledger::withdraw(uint32_t number)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    remove_entry(*this, entries.at(number));
-    sent--;
-}
-
-void close_entry(Ledger &ledger, uint32_t number, Outcome outcome)
-{
-    ledger.outcomes[(size_t)outcome]++;
-    remove_entry(ledger, ledger.entries.at(number));
-}
-
-int Ledger::ask(size_t target, const std::string &request)
-{
-    const std::string heading = "/r/";
-    const std::lock_guard<std::mutex> lock(guard);
-    const size_t at = request.find(heading);
-    const uint32_t number = at == std::string::npos ? 0 : number_in(request.substr(at + 3, 8));
-    const auto found = entries.find(number);
-    if (found == entries.end()) {
-        report_fault(road_name(targets()[target]) +
-                     " was asked what nobody asks now: " + request.substr(0, 80));
-        return 0;
-    }
-    Entry &entry = found->second;
-    if (entry.plan.target != target || request != expected_request(entry.plan)) {
-        report_fault(road_name(targets()[target]) +
-                     " was asked wrongly: " + request.substr(0, 200) + " for " + describe(entry));
-    }
-    entry.attempts++;
-    entry.asked_at = now_s();
-    add_history(entry, "server asked");
-    if (entry.is_told || entry.is_finished || entry.attempts > ATTEMPTS_MAX) {
-        report_fault("the server was asked too often: " + describe(entry));
-    }
-    return entry.attempts;
-}
-
-void Ledger::note_trouble(size_t target)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    roads[target].trouble_at = now_s();
-}
-
-void Ledger::note_down(size_t target)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    roads[target].trouble_at = now_s();
-    roads[target].down_at = now_s();
-}
-
-// Whether the answer may have ended before its end.
-bool may_be_cut(const Ledger &ledger, const Entry &entry)
-{
-    return is_cut(behaviour_of(entry.plan, entry.attempts)) ||
-           ledger.roads[entry.plan.target].down_at >= entry.asked_at;
-}
-
-// Compares what was delivered with what the server said the latest time that it was asked.
-static bool check_answer(const Ledger &ledger, Entry &entry, const std::string &bytes)
-{
-    const Answer answer = answer_of(entry.plan, entry.attempts);
-    const size_t room = PELKIN_MSG_MAX - 1 - answer.head.size();
-    const std::string whole = answer.body.empty() ? answer.head : answer.body.substr(0, room);
-    if (entry.attempts > 0 && bytes == whole) {
-        return true;
-    }
-    entry.is_told_cut = true;
-    return entry.attempts > 0 && may_be_cut(ledger, entry) &&
-           (bytes == answer.head || whole.starts_with(bytes));
-}
-
-void Ledger::take_answer(int requester, const std::string &bytes)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    const uint32_t named = number_in(bytes);
-    const auto found = entries.find(named != 0 ? named : anonymous[(size_t)requester]);
-    if (found == entries.end()) {
-        report_fault("requester " + std::to_string(requester) + " got what it did not ask for (" +
-                     std::to_string(bytes.size()) + " bytes): " + bytes.substr(0, 60));
-        return;
-    }
-    Entry &entry = found->second;
-    add_history(entry, "answered");
-    if (entry.requester != requester || entry.plan.kind != Kind::TO_SOCKET || entry.is_told ||
-        !check_answer(*this, entry, bytes)) {
-        report_fault("requester " + std::to_string(requester) + " got a wrong answer (" +
-                     std::to_string(bytes.size()) + " bytes): " + bytes.substr(0, 60) + " for " +
-                     describe(entry));
-    }
-    entry.is_told = true;
-    if (entry.is_finished) {
-        close_entry(*this, entry.plan.number, entry.is_told_cut ? Outcome::CUT : Outcome::WHOLE);
-    }
-}
-
-static bool is_for_kivren(const Entry &entry)
-{
-    return entry.plan.kind == Kind::BATCH || entry.plan.kind == Kind::TOKEN;
-}
-
-std::vector<uint32_t> Ledger::list_untold(int requester)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    std::vector<uint32_t> numbers;
-    for (const auto &[number, entry] : entries) {
-        const bool wanted = requester < 0 ? is_for_kivren(entry)
-                                          : entry.requester == requester && !is_for_kivren(entry);
-        if (wanted && entry.is_finished) {
-            numbers.push_back(number);
-        }
-    }
-    return numbers;
-}
-
-// Why nothing was told about a request, although all that was told has been read.
-static Outcome explain_silence(const Ledger &ledger, const Entry &entry)
-{
-    const bool is_token = entry.plan.kind == Kind::TOKEN;
-    if (is_token && !is_refused(entry.plan.number, 0)) {
-        return Outcome::NOTHING_TO_TELL;
-    }
-    if (is_for_kivren(entry) && entry.at_end.result_ignored > entry.at_start.result_ignored) {
-        return Outcome::RESULT_IGNORED;
-    }
-    const bool failed =
-        is_token ? entry.removal_failed : entry.at_end.undelivered > entry.at_start.undelivered;
-    if (failed) {
-        return is_for_kivren(entry) ? Outcome::KIVREN_FAILED : Outcome::UNDELIVERED;
-    }
-    if (is_for_kivren(entry) && may_be_cut(ledger, entry)) {
-        return Outcome::NOTHING_TO_TELL;
-    }
-    return Outcome::COUNT;
-}
-
-void Ledger::settle_untold(const std::vector<uint32_t> &numbers)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    for (const uint32_t number : numbers) {
-        const auto found = entries.find(number);
-        if (found == entries.end()) {
-            continue; // its answer was among what was read
-        }
-        Outcome outcome = explain_silence(*this, found->second);
-        if (outcome == Outcome::COUNT) {
-            report_fault("no answer and no reason why: " + describe(found->second));
-            outcome = Outcome::UNDELIVERED;
-        }
-        close_entry(*this, number, outcome);
-    }
-}
-
-static void check_file(Ledger &ledger, Entry &entry)
-{
-    const std::string path = file_of(entry.plan);
-    if (!check_answer(ledger, entry, support::read_file(path))) {
-        report_fault("a wrong answer in the file " + path + ": " + describe(entry));
-    }
-    (void)unlink(path.c_str());
-    if (path.ends_with("/answer")) {
-        (void)rmdir(std::filesystem::path(path).parent_path().c_str()); // made for it alone
-    }
-}
-
-// Its worker has said that it is done with it.
-void finish(Ledger &ledger, Entry &entry)
-{
-    const uint32_t number = entry.plan.number;
-    entry.is_finished = true;
-    entry.at_end = ledger.unnamed;
-    add_history(entry, "finished");
-    switch (entry.plan.kind) {
-    case Kind::TO_FILE:
-        check_file(ledger, entry);
-        close_entry(ledger, number, entry.is_told_cut ? Outcome::CUT : Outcome::WHOLE);
-        break;
-    case Kind::TO_NO_DIRECTORY:
-        if (!entry.directory_failed) {
-            report_fault("no word of a directory that cannot be made: " + describe(entry));
-        }
-        close_entry(ledger, number, Outcome::NO_DIRECTORY);
-        break;
-    case Kind::DROPPED:
-        close_entry(ledger, number, Outcome::DROPPED);
-        break;
-    case Kind::TO_SOCKET:
-        if (entry.is_told) {
-            close_entry(ledger, number, entry.is_told_cut ? Outcome::CUT : Outcome::WHOLE);
-        }
-        break;
-    case Kind::BATCH:
-    case Kind::TOKEN:
-        if (entry.is_told) {
-            close_entry(ledger, number, Outcome::REPORTED);
-        }
-        break;
-    case Kind::NO_HOST:
-        report_fault("carried out without a host: " + describe(entry));
-        close_entry(ledger, number, Outcome::NO_HOST);
-        break;
-    }
-}
-
-// A report of an answer that was cut holds its first entries; the last one may have lost its
-// verdict, which then counts as a good one.
-static bool is_beginning(const std::string &report, const std::string &whole)
-{
-    static const size_t head = sizeof(ipc_msg_hdr) + 8;
-    static const size_t entry = 12;
-    if (report.size() < head + entry || (report.size() - head) % entry != 0 ||
-        report.size() > whole.size()) {
-        return false;
-    }
-    const size_t entries = (report.size() - head) / entry;
-    std::string expected = whole.substr(0, report.size());
-    expected.replace(8, 4, support::bytes_of((uint32_t)(report.size() - sizeof(ipc_msg_hdr))));
-    expected.replace(16, 4, support::bytes_of((uint32_t)entries));
-    const bool is_equal = report == expected;
-    const size_t last = report.size() - entry;
-    expected[last] = '\1';
-    return is_equal || report == expected;
-}
-
-void Ledger::take_report(const std::string &bytes)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    const uint32_t number = bytes.size() < 30 ? 0 : number_of_address(bytes.substr(24, 6));
-    const auto found = entries.find(number);
-    if (found == entries.end() || found->second.plan.kind != Kind::BATCH || found->second.is_told) {
-        report_fault("kivren got a report of " + std::to_string(bytes.size()) +
-                     " bytes that nobody asked for, number " + std::to_string(number));
-        return;
-    }
-    Entry &entry = found->second;
-    add_history(entry, "reported");
-    const std::string whole = expected_report(entry.plan);
-    entry.is_told = true;
-    entry.is_told_cut = bytes != whole;
-    if (entry.is_told_cut && (!may_be_cut(*this, entry) || !is_beginning(bytes, whole))) {
-        report_fault("kivren got a wrong report of " + std::to_string(bytes.size()) +
-                     " bytes: " + describe(entry));
-    }
-    if (entry.is_finished) {
-        close_entry(*this, number, Outcome::REPORTED);
-    }
-}
-
-void Ledger::take_removal(uint32_t number)
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    const auto found = entries.find(number);
-    if (found == entries.end() || found->second.plan.kind != Kind::TOKEN || found->second.is_told ||
-        !is_refused(number, 0) || found->second.attempts == 0) {
-        report_fault("kivren was asked to remove a station that no server refused, number " +
-                     std::to_string(number));
-        return;
-    }
-    Entry &entry = found->second;
-    add_history(entry, "removed");
-    entry.is_told = true;
-    if (entry.is_finished) {
-        close_entry(*this, number, Outcome::REPORTED);
-    }
-}
-
-Totals Ledger::totals()
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    Totals totals = {.sent = sent,
-                     .answered = outcomes[(size_t)Outcome::WHOLE] + outcomes[(size_t)Outcome::CUT],
-                     .explained = 0,
-                     .open = entries.size()};
-    for (const uint64_t count : outcomes) {
-        totals.explained += count;
-    }
-    return totals;
-}
-
-size_t Ledger::count_open()
-{
-    const std::lock_guard<std::mutex> lock(guard);
-    return entries.size();
-}
-
-std::string Ledger::describe_open(size_t most)
-{
-    const std::lock_guard<std::mutex> lock(guard);
+    const Lock lock(ledger_guard);
     std::string text;
-    for (const auto &[number, entry] : entries) {
-        if (most-- == 0) {
-            break;
-        }
-        text += "\n  " + describe(entry);
+    for (const auto &[what, times] : counts) {
+        text += "  " + std::to_string(times) + " " + what + "\n";
     }
     return text;
 }
 
-std::string Ledger::summary()
+std::string road_name(size_t target)
 {
-    const std::lock_guard<std::mutex> lock(guard);
-    std::string text = "requests sent: " + std::to_string(sent) + "\n";
-    for (size_t i = 0; i < std::size(outcomes); i++) {
-        text += "  " + std::to_string(outcomes[i]) + " " + name_of((Outcome)i) + "\n";
+    return targets()[target].host + (targets()[target].tls ? ":443" : ":80");
+}
+
+Request *find(uint32_t number)
+{
+    const auto found = requests.find(number);
+    return found == requests.end() ? nullptr : &found->second;
+}
+
+std::string describe(uint32_t number)
+{
+    const Request *request = find(number);
+    if (request == nullptr) {
+        return "no request " + hex(number);
     }
-    return text + "workers that ended by a failure: " + std::to_string(ends_by_failure) + "\n";
+    return "request " + hex(number) + " (id " + hex(request->msg_id) + ", requester " +
+           std::to_string(request->requester) + ") to " + road_name(request->target) + ", asked " +
+           std::to_string(request->attempts) + " times until " + std::to_string(request->asked_at) +
+           (request->is_handed_over ? ", handed over" : "") + (request->is_tried ? ", tried" : "") +
+           (request->is_finished ? ", finished" : "") + (request->is_told ? ", told" : "");
+}
+
+bool is_for_kivren(const Request &request)
+{
+    return request.kind == Kind::BATCH || request.kind == Kind::TOKEN ||
+           request.kind == Kind::FOLLOW;
+}
+
+bool send_request(const support::Requester &socket, Request request)
+{
+    const Lock lock(ledger_guard); // nobody hears of it before it is entered
+    if (!socket.send(request.datagram)) {
+        return false;
+    }
+    const uint32_t number = request.number;
+    (void)requests.emplace(number, std::move(request));
+    count("requests");
+    return true;
+}
+
+void close(uint32_t number, std::string_view outcome)
+{
+    (void)requests.erase(number);
+    count("requests " + std::string(outcome));
+}
+
+size_t count_open()
+{
+    const Lock lock(ledger_guard);
+    return requests.size();
+}
+
+void report_open()
+{
+    const Lock lock(ledger_guard);
+    for (const auto &[number, request] : requests) {
+        report_fault("unexplained: " + describe(number));
+    }
+}
+
+std::string head_of(uint32_t number, std::optional<size_t> length)
+{
+    return STATUS + hex(number) + "\r\n" +
+           (length ? "Content-Length: " + std::to_string(*length) + "\r\n" : "") + "\r\n";
+}
+
+std::optional<Answer> ask(size_t target, uint32_t number, std::string_view text, bool has_length,
+                          bool is_cut)
+{
+    const Lock lock(ledger_guard);
+    Request *request = find(number);
+    if (request == nullptr) {
+        if (now_s() - down_at[target] > ECHO_S) {
+            report_fault(road_name(target) + " is asked what nobody asks: " + hex(number));
+        }
+        return std::nullopt;
+    }
+    if (request->target != target || (!text.empty() && text != request->asked)) {
+        report_fault(road_name(target) + " is asked wrongly: " + std::string(text.substr(0, 200)) +
+                     " for " + describe(number));
+    }
+    request->attempts++;
+    request->asked_at = now_s();
+    request->may_be_cut = is_cut;
+    request->head =
+        head_of(number, has_length ? std::optional(request->body.size()) : std::nullopt);
+    if (request->is_told || request->is_finished || request->attempts > ATTEMPTS_MAX) {
+        report_fault("the server is asked too often: " + describe(number));
+    }
+    return Answer{request->head, request->body};
+}
+
+void note_down(size_t target)
+{
+    const Lock lock(ledger_guard);
+    down_at[target] = now_s();
+}
+
+static bool may_be_cut(const Request &request)
+{
+    return request.may_be_cut || down_at[request.target] >= request.asked_at;
+}
+
+// Compares what was delivered with what the server said the latest time that it was asked: the
+// body, as much as the daemon has room for, or the head of an answer without one.
+static bool check_answer(Request &request, std::string_view bytes)
+{
+    const size_t room = PELKIN_MSG_MAX - 1 - request.head.size();
+    const std::string_view body = std::string_view(request.body).substr(0, room);
+    request.is_told_cut = bytes != (body.empty() ? request.head : body);
+    return request.attempts > 0 &&
+           (!request.is_told_cut ||
+            (may_be_cut(request) && (bytes == request.head || body.starts_with(bytes))));
+}
+
+static void close_told(const Request &request)
+{
+    close(request.number, is_for_kivren(request) ? "told to kivren"
+                          : request.is_told_cut  ? "answered as far as the server went"
+                                                 : "answered");
+}
+
+static void tell(Request &request)
+{
+    request.is_told = true;
+    if (request.is_finished) {
+        close_told(request);
+    }
+}
+
+void take_answer(size_t requester, const std::string &bytes)
+{
+    const Lock lock(ledger_guard);
+    const size_t at = bytes.starts_with(STATUS) ? std::strlen(STATUS) : 0;
+    const uint32_t number = number_behind(std::string_view(bytes).substr(at, 8), "");
+    Request *request = find(number);
+    if (request == nullptr || request->kind != Kind::TO_SOCKET || request->requester != requester ||
+        request->is_told || !check_answer(*request, bytes)) {
+        report_fault("requester " + std::to_string(requester) + " got a wrong answer (" +
+                     std::to_string(bytes.size()) + " bytes): " + bytes.substr(0, 60) + " for " +
+                     describe(number));
+        return;
+    }
+    tell(*request);
+}
+
+// The report on the first stations, of an answer that ended early. The last station may have lost
+// its verdict, and counts as good then.
+static std::string cut_report(const std::string &report, const std::string &got)
+{
+    const auto stations = (uint32_t)((got.size() - REPORT_HEAD) / REPORT_ENTRY);
+    const uint32_t length = 8 + stations * (uint32_t)REPORT_ENTRY;
+    std::string cut = report.substr(0, sizeof(ipc_msg_hdr) + length);
+    if (cut.size() == got.size() && stations > 0) {
+        const size_t last = cut.size() - REPORT_ENTRY;
+        std::memcpy(&cut[offsetof(ipc_msg_hdr, len)], &length, sizeof length);
+        std::memcpy(&cut[REPORT_HEAD - sizeof stations], &stations, sizeof stations);
+        cut[last] = (char)(cut[last] | (got[last] & 1));
+    }
+    return cut;
+}
+
+void take_kivren_message(const std::string &bytes)
+{
+    const Lock lock(ledger_guard);
+    const bool is_removal = bytes.size() == sizeof(ipc_msg_hdr) + PELKIN_MAC_SIZE;
+    const size_t address = is_removal ? sizeof(ipc_msg_hdr) : REPORT_HEAD + 4;
+    uint32_t number = 0; // the address begins with it
+    for (size_t i = address; i < address + sizeof number && i < bytes.size(); i++) {
+        number = number << 8 | (uint8_t)bytes[i];
+    }
+    Request *request = find(number);
+    count(is_removal ? "removals that kivren got" : "reports that kivren got");
+    if (request == nullptr || request->is_told || request->attempts == 0 || request->told.empty() ||
+        bytes != (request->kind == Kind::BATCH && may_be_cut(*request) && !is_removal
+                      ? cut_report(request->told, bytes)
+                      : request->told)) {
+        report_fault("kivren got a wrong message of " + std::to_string(bytes.size()) +
+                     " bytes for " + describe(number));
+        return;
+    }
+    tell(*request);
+}
+
+std::vector<uint32_t> list_untold(size_t reader)
+{
+    const Lock lock(ledger_guard);
+    return std::exchange(untold[reader], {});
+}
+
+void note_away(size_t reader)
+{
+    const Lock lock(ledger_guard);
+    away_until[reader] = now_s();
+}
+
+// Why nothing came of a request, although everything that came has been read; null: no reason.
+static const char *explain_silence(const Request &request)
+{
+    if (!is_for_kivren(request)) {
+        return away_until[request.requester] < request.asked_at ? nullptr : "not delivered";
+    }
+    if (request.is_tried) {
+        return away_until[KIVREN] < request.asked_at ? nullptr : "not delivered to kivren";
+    }
+    if (request.is_unchecked) {
+        return "left unchecked";
+    }
+    if (request.attempts > 0 && (request.told.empty() || may_be_cut(request))) {
+        return "with nothing to tell";
+    }
+    return request.kind != Kind::FOLLOW && may_be_ignored(request.asked_at)
+               ? "whose result is ignored"
+               : nullptr;
+}
+
+void settle_untold(const std::vector<uint32_t> &numbers)
+{
+    const Lock lock(ledger_guard);
+    for (const uint32_t number : numbers) {
+        const Request *request = find(number);
+        if (request == nullptr) {
+            continue; // its answer was among what was read
+        }
+        const char *reason = explain_silence(*request);
+        if (reason == nullptr) {
+            report_fault("no answer and no reason why: " + describe(number));
+        }
+        close(number, reason != nullptr ? reason : "unexplained");
+    }
+}
+
+void finish(Request &request)
+{
+    request.is_finished = true;
+    if (request.kind == Kind::DROPPED) {
+        close(request.number, "dropped as asked");
+    } else if (request.kind == Kind::TO_FILE) {
+        const std::filesystem::path path = request.file;
+        if (!check_answer(request, support::read_file(path))) {
+            report_fault("a wrong answer in the file of " + describe(request.number));
+        }
+        (void)std::filesystem::remove(path);
+        if (path.filename() == "answer") { // in a directory made for it alone
+            (void)std::filesystem::remove(path.parent_path());
+        }
+        close_told(request);
+    } else if (request.is_told) {
+        close_told(request);
+    } else {
+        untold[is_for_kivren(request) ? KIVREN : request.requester].push_back(request.number);
+    }
 }
 
 } // namespace soak

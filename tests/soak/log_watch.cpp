@@ -1,212 +1,305 @@
-#include "tests/soak/log_watch.h"
+/*
+ * The daemon's log, as far as it tells of requests and of the servers' workers.
+ *
+ * The main thread names a request by its URL when it takes it, and its next lines are about the
+ * same one. A worker is first in, first out: what it says that it has done is the oldest request of
+ * its server, and that one's message id must fit. So a request that a later one overtakes is lost
+ * without a reason; with a reason are those that a worker still had to do when a failure ended it.
+ */
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <fstream>
 
-#include <charconv>
-#include <optional>
-
-#include "tests/soak/faults.h"
+#include "tests/soak/soak.h"
 
 namespace soak
 {
 
-static const char SYSTEM_LOG[] = "/dev/log";
+static const size_t LINES_KEPT = 20000;
+static const size_t LONGEST_KEPT = 240;
+static const size_t FAULTS_PRINTED = 30;
+// Of workers that a slow server keeps busy: the task in progress and a hundred that wait for each,
+// and as many requests as a burst has.
+static const int WORKERS_MAX_SLOW = 4;
 
-/* A line without syslog's head: "function():text". */
-struct Line {
-    std::string_view function;
-    std::string_view text;
+/* The workers of one server. */
+struct Road {
+    std::deque<uint32_t> queue; // requests taken and not done, oldest first
+    int live = 0;               // "Add new" less "thread exit", of which the latter may come first
+    int leaving = 0;            // released ones that have said so
 };
 
-static std::optional<Line> read_line(std::string_view bytes)
+// All with the guard held.
+static std::vector<Road> roads(targets().size());
+static uint32_t current; // the main thread's request
+static double ignoring_until = -1;
+static bool is_ignoring_requests; // as the main thread told
+static std::deque<std::string> latest_lines;
+static size_t faults;
+
+void report_fault(const std::string &text)
 {
-    const size_t head = bytes.find("]: ");
-    const size_t call = bytes.find("():", head == std::string_view::npos ? 0 : head);
-    if (head == std::string_view::npos || call == std::string_view::npos) {
-        return std::nullopt;
+    const Lock lock(ledger_guard);
+    const char *path = std::getenv("SOAK_LOG");
+    if (++faults <= FAULTS_PRINTED) {
+        std::printf("FAULT at %.1f s (seed %u): %s\n", now_s(), support::seed(), text.c_str());
     }
-    return Line{.function = bytes.substr(head + 3, call - head - 3),
-                .text = bytes.substr(call + 3)};
-}
-
-static uint32_t hex_behind(std::string_view text, std::string_view key)
-{
-    const size_t at = text.find(key);
-    uint32_t number = 0;
-    if (at != std::string_view::npos) {
-        const char *digits = text.data() + at + key.size();
-        (void)std::from_chars(digits, text.data() + text.size(), number, 16);
+    if (faults == 1 && path != nullptr) {
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        for (const std::string &line : latest_lines) {
+            file << line << '\n';
+        }
+        std::printf("  the daemon's latest log lines are in %s\n", path);
     }
-    return number;
+    (void)std::fflush(stdout);
 }
 
-// "host:port" up to a space, a comma or the end of the line.
-static std::string road_behind(std::string_view text, std::string_view key)
+size_t fault_count()
 {
-    const std::string_view rest = text.substr(key.size());
-    return std::string(rest.substr(0, rest.find_first_of(" ,\n")));
+    const Lock lock(ledger_guard);
+    return faults;
 }
 
-static std::string address_in(std::string_view text)
+size_t count_queued(size_t target)
 {
-    const size_t at = text.find("mac:");
-    std::string address;
-    for (size_t i = 0; at != std::string_view::npos && i < PELKIN_MAC_SIZE; i++) {
-        address += (char)hex_behind(text.substr(std::min(text.size(), at + 4 + 3 * i)), "");
-    }
-    address.resize(PELKIN_MAC_SIZE);
-    return address;
+    const Lock lock(ledger_guard);
+    return roads[target].queue.size();
 }
 
-using Note = void (*)(LogWatch *watch, const Line &line, std::string_view key);
-
-// Marks the request that a line is about.
-static void mark_request(LogWatch *watch, const Line &line, uint32_t number, bool Entry::*what)
+void allow_ignoring(double until)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    const auto found = watch->ledger->entries.find(number);
-    if (found == watch->ledger->entries.end()) {
-        report_fault("no request leads to: " + std::string(line.text));
-        return;
-    }
-    found->second.*what = true;
+    const Lock lock(ledger_guard);
+    ignoring_until = until;
 }
 
-static void lose_removal(LogWatch *watch, const Line &line, std::string_view)
+bool may_be_ignored(double since)
 {
-    watch->counts.removals_failed++;
-    const std::string address = address_in(line.text);
-    const uint32_t number = number_of_address(address);
-    if (end_of_address(address) == FOLLOW_STATION) {
-        watch->checks->note(number, &FollowClient::removal_failed);
-    } else {
-        mark_request(watch, line, number, &Entry::removal_failed);
+    const Lock lock(ledger_guard);
+    return ignoring_until >= since;
+}
+
+// ---- what is read; each gets what stands behind its key
+
+static void take_request(std::string_view rest)
+{
+    current = number_behind(rest, "/r/");
+    const Request *request = find(current);
+    if (request != nullptr) {
+        roads[request->target].queue.push_back(current);
+    } else if (current != 0) {
+        report_fault("a request is taken that is not under way: " + hex(current));
     }
 }
 
-static void lack_directory(LogWatch *watch, const Line &line, std::string_view)
+static void lose(uint32_t number)
 {
-    mark_request(watch, line, hex_behind(line.text, "/none/"), &Entry::directory_failed);
+    if (find(number)->is_told) {
+        report_fault("answered by a worker that had ended: " + describe(number));
+    }
+    close(number, "lost with their worker");
 }
 
-static void switch_over(LogWatch *watch, const Line &line, std::string_view)
+// The main thread has given its request up.
+static void refuse(bool is_right, const char *outcome)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    watch->ledger->requests_ignored = hex_behind(line.text, "ignore_fb_token_verification = ") == 1;
-    watch->counts.switches_set++;
+    const Request *request = find(current);
+    if (request == nullptr || request->is_handed_over || request->attempts > 0 || !is_right) {
+        report_fault(std::string(outcome) + " without a reason: " + describe(current));
+    }
+    if (request != nullptr) {
+        (void)std::erase(roads[request->target].queue, current);
+        close(current, outcome);
+    }
 }
 
-static void ignore_result(LogWatch *watch, const Line &, std::string_view)
+static void ignore_request(std::string_view)
 {
-    watch->counts.result_ignored++;
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    watch->ledger->unnamed.result_ignored++;
-    if (watch->ledger->results_ignored_until < now_s()) {
+    const Request *request = find(current);
+    refuse(request != nullptr && is_for_kivren(*request) && is_ignoring_requests,
+           "ignored as verifications");
+}
+
+static void ignore_result(std::string_view)
+{
+    if (!may_be_ignored(now_s())) {
         report_fault("a verification's result is ignored without the switch");
     }
 }
 
-static void fail_delivery(LogWatch *watch, const Line &, std::string_view)
+static void switch_over(std::string_view rest)
 {
-    watch->counts.undelivered++;
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    watch->ledger->unnamed.undelivered++;
+    is_ignoring_requests = number_behind(rest, "ignore_fb_token_verification = ") == 1;
 }
 
-static void finish_task(LogWatch *watch, const Line &line, std::string_view key)
+static void fail_to_hand_over(std::string_view rest)
 {
-    const std::string road = road_behind(line.text, key);
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    if (line.text.find("finished task") != std::string_view::npos) {
-        note_finished(*watch->ledger, road, hex_behind(line.text, "(msg_id:"));
-    } else if (line.text.find("write side pipe has been closed") != std::string_view::npos) {
-        note_leaving(*watch->ledger, road);
-    } else if (line.text.find("received a task") == std::string_view::npos) {
-        report_fault("unexpected: " + std::string(line.text));
+    if (rest.find("thread should exit already") == std::string_view::npos) {
+        refuse(true, "with no room in the pipe");
     }
 }
 
-static void hand_over(LogWatch *watch, const Line &line, std::string_view key)
+static void hand_over(std::string_view rest)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    if (key.starts_with("send")) {
-        note_handed_over(*watch->ledger, hex_behind(line.text, key));
-    } else if (line.text.find("thread should exit already") != std::string_view::npos) {
-        note_worker_gone(*watch->ledger);
-    } else {
-        note_refused(*watch->ledger, Outcome::NO_ROOM);
+    Request *request = find(current);
+    if (request == nullptr || request->is_finished) {
+        return; // its worker was quicker than the main thread's message
+    }
+    const bool is_verification = request->msg_id != current;
+    if (request->msg_id != number_behind(rest, "") || request->is_handed_over ||
+        (is_verification && is_ignoring_requests)) {
+        report_fault("handed over wrongly: " + describe(current));
+    }
+    request->is_handed_over = true;
+    // A worker that says that it ends closes its pipe a little later.
+    Road &road = roads[request->target];
+    if (road.live <= 0) {
+        (void)std::erase(road.queue, current);
+        lose(current);
     }
 }
 
-static void never(LogWatch *, const Line &line, std::string_view)
+// The target whose "host:port" stands there.
+static size_t target_named(std::string_view rest)
 {
-    report_fault("the daemon says: " + std::string(line.text.substr(0, 200)));
+    const std::string_view name = rest.substr(0, rest.find_first_of(" ,\n"));
+    for (size_t i = 0; i < roads.size(); i++) {
+        if (road_name(i) == name) {
+            return i;
+        }
+    }
+    report_fault("a worker of an unknown server: " + std::string(rest));
+    return API;
 }
 
-template <auto note> static void number_note(LogWatch *watch, const Line &line, std::string_view)
+static void add_worker(std::string_view rest)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    note(*watch->ledger, hex_behind(line.text, "/r/"));
+    const size_t target = target_named(rest);
+    const bool is_slow = targets()[target].temper == Temper::SLOW;
+    if (++roads[target].live > (is_slow ? WORKERS_MAX_SLOW : 1)) {
+        report_fault("one worker too many for " + road_name(target));
+    }
 }
 
-template <auto note> static void road_note(LogWatch *watch, const Line &line, std::string_view key)
+static void end_worker(std::string_view rest)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    note(*watch->ledger, road_behind(line.text, key));
+    const size_t target = target_named(rest);
+    const Temper temper = targets()[target].temper;
+    Road &road = roads[target];
+    road.live--;
+    if (road.leaving > 0) {
+        road.leaving--;
+        return;
+    }
+    count("workers ended by a failure");
+    if (temper == Temper::FAITHFUL || temper == Temper::SLOW) {
+        report_fault("a worker of " + road_name(target) + " ends without a reason");
+    }
+    // What the main thread is about to hand over may go to the next worker.
+    const bool is_last_kept = !road.queue.empty() && !find(road.queue.back())->is_handed_over;
+    while (road.queue.size() > (is_last_kept ? 1 : 0)) {
+        lose(road.queue.front());
+        road.queue.pop_front();
+    }
 }
 
-template <Outcome outcome> static void refuse(LogWatch *watch, const Line &, std::string_view)
+static void end_task(size_t target, uint32_t msg_id)
 {
-    const std::lock_guard<std::mutex> lock(watch->ledger->guard);
-    note_refused(*watch->ledger, outcome);
+    Road &road = roads[target];
+    const bool is_slow = targets()[target].temper == Temper::SLOW; // has several workers
+    const auto done = std::find_if(road.queue.begin(), road.queue.end(),
+                                   [msg_id](uint32_t one) { return find(one)->msg_id == msg_id; });
+    if (done == road.queue.end() || (done != road.queue.begin() && !is_slow)) {
+        report_fault("id " + hex(msg_id) + " is done at " + road_name(target) + " before " +
+                     (road.queue.empty() ? "it was asked" : describe(road.queue.front())));
+    }
+    if (done != road.queue.end()) {
+        Request &request = *find(*done);
+        (void)road.queue.erase(done);
+        finish(request);
+    }
 }
 
-template <auto counter> static void count(LogWatch *watch, const Line &, std::string_view)
+static void hear_worker(std::string_view rest)
 {
-    (watch->counts.*counter)++;
+    if (rest.find(" finished task ") != std::string_view::npos) {
+        end_task(target_named(rest), number_behind(rest, "(msg_id:"));
+    } else if (rest.find("write side pipe has been closed") != std::string_view::npos) {
+        roads[target_named(rest)].leaving++;
+    } else if (rest.find(" received a task") == std::string_view::npos) {
+        report_fault("unexpected: thread " + std::string(rest));
+    }
 }
 
-template <auto mark> static void client_note(LogWatch *watch, const Line &line, std::string_view)
+static void fail_to_connect(std::string_view rest)
 {
-    watch->checks->note(number_of_address(address_in(line.text)), mark);
+    if (target_named(rest) != API) { // whose caller is no worker
+        count("failures of workers");
+    }
 }
 
-struct Reading {
-    std::string_view key; // the text starts with it
-    Note note;
-    std::string_view function = ""; // if not "", only lines of this one
-};
+static void fail_exchange(std::string_view)
+{
+    count("failures of workers");
+}
 
-static const Reading READINGS[] = {
-    {"thread RECOED[", nullptr}, // the most frequent one first
-    {"HTTP request message:", number_note<note_taken>},
-    {"task: HTTP HEAD:", number_note<note_task>},
+// Marks the request whose number begins the station's address: "mac", one more character, bytes.
+template <bool Request::*mark> static void mark_request(std::string_view rest)
+{
+    static const size_t four_bytes = 11; // and the colons between them
+    const size_t at = rest.find("mac");
+    std::string digits(at == std::string_view::npos ? "" : rest.substr(at + 4, four_bytes));
+    (void)std::erase(digits, ':');
+    Request *request = find(number_behind(digits, ""));
+    if (request == nullptr || !is_for_kivren(*request)) {
+        report_fault("no request leads to: " + std::string(rest.substr(0, 100)));
+        return;
+    }
+    request->*mark = true;
+    if (mark == &Request::is_finished) {
+        finish(*request);
+    }
+}
+
+static void never(std::string_view rest)
+{
+    report_fault("the daemon says what it never should: " + std::string(rest.substr(0, 200)));
+}
+
+static const struct {
+    std::string_view key; // the text begins with it, or the text behind its function; is counted
+    void (*read)(std::string_view rest) = nullptr;
+} readings[] = {
+    {"thread RECOED["}, // the most frequent one first
+    {"HTTP request message:", take_request},
     {"send task to thread OK. msg_id:", hand_over},
-    {"failed to send task to thread.", hand_over},
-    {"Add new social_media_thread: ", road_note<note_added>},
-    {"Delete thread RECORD: ", road_note<note_deleted>},
-    {"thread begin: ", road_note<note_begun>},
-    {"thread exit: ", road_note<note_exit>},
-    {"thread list is blank", nullptr},
-    {"thread ", finish_task},
-    {"fill http task failed.", refuse<Outcome::NO_HOST>},
-    {"ignore fb token verification.", refuse<Outcome::IGNORED>},
+    {"failed to send task to thread.", fail_to_hand_over},
+    {"Add new social_media_thread: ", add_worker},
+    {"thread begin: "},
+    {"thread exit: ", end_worker},
+    {"thread list is blank"},
+    {"thread ", hear_worker},
+    {"ignore fb token verification.", ignore_request},
     {"ignore fb token verification result.", ignore_result},
-    {"failed to send ipc msg.", fail_delivery},
-    {"make directory failed:", lack_directory},
-    {"Send/Recv http(s) failed.", count<&LineCounts::exchanges_failed>, "perform_task"},
-    {"can't connect to ", count<&LineCounts::connections_failed>, "connect_to_server"},
-    {"Success to send request to kivren.", count<&LineCounts::reports_sent>},
-    {"Failed to send request to kivren.", count<&LineCounts::reports_failed>},
-    {"Send a del sta(", count<&LineCounts::removals_tried>},
-    {"Failed to send del sta(", lose_removal},
-    {"Received length mismatched", count<&LineCounts::mismatched>},
-    {"wechat check-follow request of ", count<&LineCounts::short_check>},
-    {"this should be reply of del sta", count<&LineCounts::replies>},
-    {"received SIGUSR1", count<&LineCounts::levels_set>},
+    {"sta: ", mark_request<&Request::is_tried>},
+    {"Send a del sta(", mark_request<&Request::is_tried>},
+    {"failed to check client(", mark_request<&Request::is_unchecked>},
+    {"to free client(", mark_request<&Request::is_finished>},
+    {"perform_task():Send/Recv http(s) failed.", fail_exchange},
+    {"connect_to_server():can't connect to ", fail_to_connect},
+    {"failed to send ipc msg."},
+    {"Failed to send del sta("},
+    {"Success to send request to kivren."},
+    {"Failed to send request to kivren."},
+    {"received SIGUSR1"},
     {"received SIGUSR2", switch_over},
-    {"added new client(", client_note<&FollowClient::is_added>},
-    {"failed to check client(", client_note<&FollowClient::is_unchecked>},
-    {"to free client(", client_note<&FollowClient::is_freed>},
+    {"Received length mismatched"},
+    {"wechat check-follow request of "},
+    {"this should be reply of del sta"},
+    {"fill http task failed."},
     {"failed to create social_media_thread", never},
+    {"make directory failed:", never},
     {"open file ", never},
     {"write fail.", never},
     {"create ssl fail.", never},
@@ -219,29 +312,31 @@ static const Reading READINGS[] = {
     {"Pelkin has been timeout", never},
 };
 
-static void read_bytes(LogWatch *watch, std::string_view bytes)
+// A line behind syslog's head: "function():text".
+void take_log_line(std::string_view bytes)
 {
-    keep_log_line(bytes);
-    watch->counts.lines++;
-    const std::optional<Line> line = read_line(bytes);
-    if (!line) {
+    const Lock lock(ledger_guard);
+    latest_lines.emplace_back(bytes.substr(0, LONGEST_KEPT));
+    if (latest_lines.size() > LINES_KEPT) {
+        latest_lines.pop_front();
+    }
+    const size_t head = bytes.find("]: ");
+    const size_t call = bytes.find("():", head);
+    if (head == std::string_view::npos || call == std::string_view::npos) {
         return;
     }
-    for (const Reading &reading : READINGS) {
-        if (line->text.starts_with(reading.key)) {
-            if (reading.note != nullptr &&
-                (reading.function.empty() || line->function == reading.function)) {
-                reading.note(watch, *line, reading.key);
+    for (const auto &[key, read] : readings) {
+        for (const size_t at : {call, head}) {
+            const std::string_view text = bytes.substr(at + 3);
+            if (text.starts_with(key)) {
+                count(key);
+                if (read != nullptr) {
+                    read(text.substr(key.size()));
+                }
+                return;
             }
-            return;
         }
     }
-}
-
-LogWatch::LogWatch(Ledger *with_ledger, FollowChecks *with_checks)
-    : ledger(with_ledger), checks(with_checks),
-      reader(SYSTEM_LOG, [this](std::string_view bytes) { read_bytes(this, bytes); })
-{
 }
 
 } // namespace soak
