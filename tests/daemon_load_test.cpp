@@ -199,19 +199,6 @@ TEST_F(Load, HostileServersNeitherStopTheDaemonNorDelayOthers)
              }
          },
          "", "can't find 2 CRLF in the response."},
-        {"negative length",
-         [head](Connection &connection) {
-             (void)connection.read_request();
-             (void)connection.send(head + "-1\r\n\r\nnegative");
-         },
-         "negative", nullptr},
-        {"enormous length",
-         [head](Connection &connection) {
-             (void)connection.read_request();
-             while (connection.send(head + "99999999999999999999\r\n\r\n")) {
-             }
-         },
-         "many", nullptr},
         {"drip",
          [head](Connection &connection) {
              (void)connection.read_request();
@@ -248,9 +235,7 @@ TEST_F(Load, HostileServersNeitherStopTheDaemonNorDelayOthers)
     }
     for (size_t i = 0; i < 2 * std::size(cases); i++) {
         const auto &one = cases[i / 2];
-        if (one.answer == "many") {
-            EXPECT_EQ(requesters[i]->receive().value_or("").substr(0, 14), head.substr(0, 14));
-        } else if (!one.answer.empty()) {
+        if (!one.answer.empty()) {
             EXPECT_EQ(requesters[i]->receive().value_or("<none>"), one.answer) << one.name;
         }
         if (one.logged != nullptr) {

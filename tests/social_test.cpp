@@ -1,9 +1,12 @@
-// Token verification as seen from its two ends: the text for the verification server, and what the
-// station manager's socket receives for an answer.
+// Token verification as seen from its two ends, the text for the verification server and what the
+// station manager's socket receives for an answer; then both through the running daemon.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <memory>
 #include <sys/socket.h>
+#include <tuple>
 #include <unistd.h>
 
 #include "log/log.h"
@@ -12,271 +15,333 @@
 #include "social/reauth_report.h"
 #include "social/reauth_request.h"
 #include "social/station_removal.h"
+#include "tests/support/daemon.h"
 #include "tests/support/requester.h"
+#include "tests/support/server.h"
 #include "tests/support/social_batch.h"
 
-using support::batch_answer;
-using support::batch_body;
-using support::make_batch;
-using support::make_tokens;
-using support::Report;
-using support::report_bytes;
+using namespace support;
 
-static const size_t HEAD_SIZE = support::BATCH_HEAD_SIZE;
-static const size_t STA_SIZE = support::BATCH_STA_SIZE;
+namespace
+{
 
-static const reauth_attr *batch_of(const std::string &bytes)
+const fbauth_attr TOKEN = {.mac = {2, 0, 0, 0xAA, 0xBB, 0xFF}, .text = {}};
+const std::string MAC((const char *)TOKEN.mac, PELKIN_MAC_SIZE);
+const std::string REMOVAL = std::string("\0\x15\0\0\x0B\0\0\x03\x06\0\0\0", 12) + MAC;
+
+const reauth_attr *batch_of(const std::string &bytes)
 {
     return reinterpret_cast<const reauth_attr *>(bytes.data());
 }
 
-static std::string build(const std::string &batch, size_t size = PELKIN_MSG_MAX)
+// Different tokens, each `width` characters long.
+std::vector<std::string> make_tokens(int count, size_t width)
+{
+    std::vector<std::string> tokens;
+    for (int i = 0; i < count; i++) {
+        tokens.push_back(std::string(width - 4, 't') + std::to_string(1000 + i));
+    }
+    return tokens;
+}
+
+// An answer that holds no token for valid.
+std::string refuse(const std::vector<std::string> &tokens)
+{
+    std::string entries;
+    for (const std::string &token : tokens) {
+        entries += (entries.empty() ? "\"" : ",\"") + token + R"(":{"valid":false})";
+    }
+    return R"({"tokens":{)" + entries + "}}";
+}
+
+std::string build(const std::string &batch, size_t size = PELKIN_MSG_MAX)
 {
     std::vector<char> out(size);
     EXPECT_EQ(pelkin_build_reauth_data(out.data(), size, batch_of(batch)), 0);
     return out.data();
 }
 
-TEST(ReauthBody, EveryStationOnceAndACommaBetween)
+TEST(ReauthBody, HoldsEveryStationOnceUntilALimitIsReached)
 {
-    for (const int count : {1, 3, REAUTH_STA_MAX}) {
-        const std::vector<std::string> tokens = make_tokens(count, 8);
-        EXPECT_EQ(build(make_batch(tokens)), batch_body(tokens));
+    for (const int32_t below_two : {1, 0, -1, INT32_MIN}) {
+        EXPECT_EQ(build(make_batch({"a", "b"}, below_two)), batch_body({"a"}));
     }
-    for (const int32_t below_one : {0, -1, INT32_MIN}) {
-        EXPECT_EQ(build(make_batch({"a", "b"}, below_one)), batch_body({"a"}));
+    for (const int count : {3, REAUTH_STA_MAX}) {
+        EXPECT_EQ(build(make_batch(make_tokens(count, 8))), batch_body(make_tokens(count, 8)));
     }
-}
-
-TEST(ReauthBody, TooLongATextEndsAtEachLimit)
-{
-    const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
-    const std::string whole = batch_body(tokens);
-    const size_t entries = whole.find('{') + 1;
-    EXPECT_EQ(build(make_batch(tokens)), whole.substr(0, PELKIN_MSG_MAX - 1));
-    EXPECT_EQ(build(make_batch(tokens), 90000), whole.substr(0, entries + 65535) + "}");
-    EXPECT_EQ(build(make_batch(tokens), 10), "secret=s&");
-}
-
-TEST(ReauthBody, FieldsEndWithoutTheirNul)
-{
-    EXPECT_EQ(build(make_batch({"a"}, 1, std::string(128, '&'))).find("&tokens="),
-              strlen("secret=") + 384); // three for each of 128
-    const std::string batch = make_batch({std::string(65, 'T')}, 1, std::string(129, 'S'));
-    const std::string body = build(batch);
-    EXPECT_EQ(body.substr(0, body.find(":{")),
+    const std::string batch = make_batch(make_tokens(REAUTH_STA_MAX, 64));
+    const std::string whole = batch_body(make_tokens(REAUTH_STA_MAX, 64));
+    EXPECT_EQ(build(batch), whole.substr(0, PELKIN_MSG_MAX - 1));
+    EXPECT_EQ(build(batch, 90000), whole.substr(0, whole.find('{') + 1 + 65535) + "}");
+    EXPECT_EQ(build(batch, 10), "secret=s&");
+    // Fields without their NUL, and the longest secret, three characters for each of 128.
+    EXPECT_EQ(build(make_batch({"a"}, 1, std::string(128, '&'))).find("&tokens="), 7 + 384u);
+    const std::string full = build(make_batch({std::string(65, 'T')}, 1, std::string(129, 'S')));
+    EXPECT_EQ(full.substr(0, full.find(":{")),
               "secret=" + std::string(129, 'S') + "&tokens={\"" + std::string(65, 'T') + "\"");
 }
 
 TEST(ReauthBatch, NumberOfStationsIsCutToWhatArrived)
 {
-    static const struct {
-        size_t length;
-        int32_t claimed;
-        int32_t kept;
-    } cases[] = {{HEAD_SIZE + 2 * STA_SIZE, 2, 2},     {HEAD_SIZE + 2 * STA_SIZE, 3, 2},
-                 {HEAD_SIZE + 2 * STA_SIZE - 1, 2, 1}, {PELKIN_MSG_MAX, INT32_MAX, REAUTH_STA_MAX},
-                 {HEAD_SIZE + STA_SIZE - 1, 1, 0},     {10, 1, 0},
-                 {HEAD_SIZE + STA_SIZE, 0, 0},         {HEAD_SIZE, -5, -5}};
-    for (const auto &row : cases) {
-        std::string batch = make_batch({}, row.claimed);
-        auto *attrs = reinterpret_cast<reauth_attr *>(batch.data());
-        pelkin_cut_reauth_attr(attrs, row.length);
-        EXPECT_EQ(attrs->sta_num, row.kept) << row.claimed << " claimed, length " << row.length;
+    const size_t two = BATCH_HEAD_SIZE + 2 * BATCH_STA_SIZE;
+    const size_t one = BATCH_HEAD_SIZE + BATCH_STA_SIZE;
+    const std::tuple<size_t, int32_t, int32_t> cases[] = {
+        {two, 2, 2},     {two, 3, 2}, {two - 1, 2, 1}, {PELKIN_MSG_MAX, INT32_MAX, REAUTH_STA_MAX},
+        {one - 1, 1, 0}, {10, 1, 0},  {one, 0, 0},     {BATCH_HEAD_SIZE, -5, -5}};
+    for (const auto &[length, claimed, kept] : cases) {
+        std::string batch = make_batch({}, claimed);
+        pelkin_cut_reauth_attr(reinterpret_cast<reauth_attr *>(batch.data()), length);
+        EXPECT_EQ(batch_of(batch)->sta_num, kept) << claimed << " claimed, length " << length;
     }
 }
 
 // The station manager, and a request socket whose sends never wait.
-class StationManager : public testing::Test
-{
-  protected:
-    void SetUp() override
+struct StationManager : testing::Test {
+    StationManager()
     {
         tu_pelkin_fltlog = 1;
         pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        kivren = std::make_unique<support::Requester>(KIVREN_SOCKET_PATH);
     }
-
-    void TearDown() override
+    ~StationManager() override
     {
-        close(pelkin_sock);
+        (void)close(pelkin_sock);
         pelkin_sock = -1;
     }
-
-    // What is there at once; "" when nothing is.
-    std::string receive() const
+    // What comes of an answer. It is read as text: its length decides nothing.
+    std::string report_on(const std::string &batch, const std::string &answer) const
     {
+        EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), 0), 0);
         return kivren->receive(0).value_or("");
     }
 
-    std::unique_ptr<support::Requester> kivren;
+    std::unique_ptr<Requester> kivren = std::make_unique<Requester>(KIVREN_SOCKET_PATH);
 };
 
-using ReauthAnswer = StationManager;
-
-TEST_F(ReauthAnswer, ReportHoldsTheStationsOfTheAnswerInItsOrder)
+TEST_F(StationManager, ReportHoldsTheStationsOfTheAnswerInItsOrder)
 {
-    static const std::string long_token(65, 'a');
-    static const std::string huge(5000, 'x');
-    static const std::string open = "{\"tokens\":{";
-    static const std::string b_false = "\"b\":{\"valid\":false}";
-    static const std::vector<std::pair<std::string, Report>> cases = {
-        {open + "\"a\":{\"valid\":true}," + b_false + "}}", {{0, 1}, {1, 0}}},
-        {open + b_false + ",\"a\":{\"valid\":true}}}", {{1, 0}, {0, 1}}},
-        {"\r\n[" + open + b_false + "}}", {{1, 0}}},
-        {open + b_false + "," + b_false + "}}", {{1, 0}, {1, 0}}},
-        {open + "\"twin\":{\"valid\":true}}}", {{2, 1}}},
-        {open + "\"c\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
-        {open + "\"c\":{\"valid\":true}}}", {}},
-        {open + "\"A\":{\"valid\":true},\"aa\":{\"valid\":true},\"twi\":{\"valid\":true}}}", {}},
-        {open + "\"a\":{\"valid\":null},\"a\":{\"valid\":0},\"b\":{\"valid\":False}}}",
+    const std::string open = R"({"tokens":{)";
+    const std::string b_false = R"("b":{"valid":false})";
+    const std::string b = b_false + "}}";
+    const std::string longest(64, 'a');
+    const std::string huge(5000, 'x');
+    const std::pair<std::string, Report> cases[] = {
+        {open + R"("a":{"valid":true},)" + b, {{0, 1}, {1, 0}}},
+        {"\r\n[" + open + b, {{1, 0}}},
+        {open + b_false + "," + b, {{1, 0}, {1, 0}}},
+        {open + R"("twin":{"valid":true},"c":{"valid":true},)" + b, {{2, 1}, {1, 0}}},
+        {open + R"("A":{"valid":true},"aa":{"valid":true},"twi":{"valid":true}}})", {}},
+        {open + R"("a":{"valid":null},"a":{"valid":0},"b":{"valid":False}}})",
          {{0, 1}, {0, 1}, {1, 1}}},
-        // White space: an empty result, a value of five characters, a value that is too long.
-        {open + " \"a\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
-        {open + "\"a\": {\"valid\":true}," + b_false + "}}", {{1, 0}}},
-        {open + "\"a\":{\"valid\": true}," + b_false + "}}", {{0, 1}, {1, 0}}},
-        {open + "\"a\":{\"valid\": false}," + b_false + "}}", {{1, 0}}},
-        {"{ \"tokens\":{" + b_false + "}}", {}},
+        // White space: empty parts, a value of five characters, a value that is too long.
+        {open + R"( "a":{"valid":true},"a": {"valid":true},)" + b, {{1, 0}}},
+        {open + R"("a":{"valid": true},"a":{"valid": false},)" + b, {{0, 1}, {1, 0}}},
+        {R"({ "tokens":{)" + b, {}},
         // Empty parts lead to the next comma, texts longer than their field to the next entry.
-        {open + "\"\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
-        {open + "\"a\":{\"valid\":}," + b_false + "}}", {{1, 0}}},
-        {open + "\"" + long_token + "\":{\"valid\":true}," + b_false + "}}", {{1, 0}}},
-        {open + "\"" + huge + "\":{\"valid\":" + huge + "}," + b_false + "}}", {{1, 0}}},
-        {open + "\"a\":{\"valid\":true,\"x\":1}," + b_false + "}}", {{1, 0}}},
-        {open + "\"a\":{\"valid\":falsey}," + b_false + "}}", {{1, 0}}},
+        {open + R"("":{"valid":true},"a":{"valid":},)" + b, {{1, 0}}},
+        {open + "\"" + longest + R"(a":{"valid":true},")" + longest + R"(":{"valid":true},)" + b,
+         {{4, 1}, {1, 0}}},
+        {open + "\"" + huge + R"(":{"valid":)" + huge + "}," + b, {{1, 0}}},
+        {open + R"("a":{"valid":true,"x":1},"a":{"valid":falsey},)" + b, {{1, 0}}},
         // The first closing brace ends a nested value, a second one the answer.
-        {open + "\"a\":{\"valid\":{}}," + b_false + "}}", {{0, 1}}},
-        {open + "}," + b_false + "}}", {}},
+        {open + R"("a":{"valid":{}},)" + b, {{0, 1}}},
+        {open + "}," + b, {}},
         // Answers that end early.
-        {open + b_false + ",\"a\":{\"valid\":false", {{1, 0}, {0, 0}}},
-        {open + b_false + ",\"a\":{\"valid\":", {{1, 0}}},
-        {open + b_false + ",\"a", {{1, 0}}},
+        {open + b_false + R"(,"a":{"valid":false)", {{1, 0}, {0, 0}}},
+        {open + b_false + R"(,"a":{"valid":)", {{1, 0}}},
+        {open + b_false + R"(,"a)", {{1, 0}}},
         {open + b_false, {{1, 0}}},
         {open, {}},
-        {"{\"error\":\"busy\"}", {}},
+        {R"({"error":"busy"})", {}},
         {"", {}},
+        {refuse(std::vector<std::string>(5200, "a")), Report(5118, {0, 0})},
     };
-    const std::string batch = make_batch({"a", "b", "twin", "twin", std::string(64, 'a')});
+    const std::string batch = make_batch({"a", "b", "twin", "twin", longest});
+    static reauth_resp out;
     for (const auto &[answer, report] : cases) {
-        EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size()),
-                  0);
-        EXPECT_EQ(receive(), report_bytes(report)) << answer.substr(0, 100);
+        EXPECT_EQ(report_on(batch, answer), report_bytes(report)) << answer.substr(0, 100);
+        for (const int32_t below_one : {0, -1}) {
+            const std::string none = make_batch({"a"}, below_one);
+            EXPECT_EQ(report_on(none, answer), "") << answer.substr(0, 100);
+            EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(none), answer.c_str(), &out), -1);
+        }
     }
 }
 
-TEST_F(ReauthAnswer, LargeAnswersAreReportedAsFarAsTheyGo)
+TEST_F(StationManager, NullArgumentsAreRefused)
 {
-    const std::vector<std::string> tokens = make_tokens(REAUTH_STA_MAX, 64);
-    const std::string batch = make_batch(tokens);
-    std::vector<std::string> shuffled;
-    Report report;
-    for (int i = 0; i < 700; i++) {
-        const int station = i * 299 % 700; // each of the first 700 once
-        shuffled.push_back(tokens[(size_t)station]);
-        report.emplace_back(station, 1);
-    }
-    std::string answer = batch_answer(shuffled, "true");
-    (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
-    EXPECT_EQ(receive(), report_bytes(report));
-
-    // 82 bytes an entry: the cut lies within the token of station 749.
-    answer = batch_answer(tokens, "true").substr(0, PELKIN_MSG_MAX - 1);
-    report.clear();
-    for (int station = 0; station < 749; station++) {
-        report.emplace_back(station, 1);
-    }
-    (void)pelkin_check_reauth_resp(batch_of(batch), answer.c_str(), (int32_t)answer.size());
-    EXPECT_EQ(receive(), report_bytes(report));
-
-    answer = batch_answer(std::vector<std::string>(5200, "a"), "true");
-    (void)pelkin_check_reauth_resp(batch_of(make_batch({"a"})), answer.c_str(), 0);
-    EXPECT_EQ(receive(), report_bytes(Report(5118, {0, 1})));
-}
-
-TEST_F(ReauthAnswer, BatchWithoutStationsIsNeverReported)
-{
-    static const char answer[] = "{\"tokens\":{\"a\":{\"valid\":true}}}";
     static reauth_resp out;
-    for (const int32_t below_one : {0, -1}) {
-        const std::string batch = make_batch({"a"}, below_one);
-        EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), answer, &out), -1);
-        EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
-        EXPECT_EQ(receive(), "");
-    }
-}
-
-TEST_F(ReauthAnswer, NullArgumentsAreRefused)
-{
     const std::string batch = make_batch({"a"});
-    static reauth_resp out;
+    const reauth_attr *attrs = batch_of(batch);
     char body[8];
-    EXPECT_EQ(pelkin_build_reauth_data(nullptr, 8, batch_of(batch)), -1);
+    EXPECT_EQ(pelkin_build_reauth_data(nullptr, 8, attrs), -1);
     EXPECT_EQ(pelkin_build_reauth_data(body, sizeof body, nullptr), -1);
     EXPECT_EQ(pelkin_check_reauth_resp(nullptr, "", 0), -1);
     EXPECT_EQ(pelkin_analysis_reauth_resp(nullptr, "", &out), -1);
-    EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), nullptr, &out), -1);
-    EXPECT_EQ(pelkin_analysis_reauth_resp(batch_of(batch), "", nullptr), -1);
+    EXPECT_EQ(pelkin_analysis_reauth_resp(attrs, nullptr, &out), -1);
+    EXPECT_EQ(pelkin_analysis_reauth_resp(attrs, "", nullptr), -1);
     EXPECT_EQ(pelkin_send_reauth_resp(nullptr), -1);
     EXPECT_EQ(pelkin_print_reauth_resp_msg(nullptr), -1);
-}
-
-TEST_F(ReauthAnswer, LostReportIsToldAndTheNextOneArrives)
-{
-    const std::string batch = make_batch({"a"});
-    static const char answer[] = "{\"tokens\":{\"a\":{\"valid\":false}}}";
-    kivren.reset();
-    EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
-    EXPECT_STREQ(tu_tmpbuf, "Failed to send reauth response.");
-    kivren = std::make_unique<support::Requester>(KIVREN_SOCKET_PATH);
-    EXPECT_EQ(pelkin_check_reauth_resp(batch_of(batch), answer, sizeof answer - 1), 0);
-    EXPECT_STREQ(tu_tmpbuf, "Success to send request to kivren.");
-    EXPECT_EQ(receive(), report_bytes({{0, 0}}));
-}
-
-using FbauthAnswer = StationManager;
-
-TEST_F(FbauthAnswer, OnlyExactlyFalseRemovesTheStation)
-{
-    static const struct {
-        const char *answer;
-        int32_t result;
-        const char *said; // the last message
-    } cases[] = {
-        {"{\"valid\":true}", 0, "The valid is true"},
-        {"{\"valid\":False}", 0, "The valid is False"},
-        {"{\"valid\":0}", 0, "The valid is 0"},
-        {"{\"valid\": false}", 0, "The valid is  false"},
-        {"{\"valid\":falsehood}", 0, "The valid is falsehood"},
-        {"{\"valid\":fals", 0, "The valid is fals"},
-        {"{\"valid\":}", -1, "The valid is invalid"},
-        {"{\"valid\":", -1, "The valid is invalid"},
-        {"{\"error\":1}", -1, "The response format is incorrect."},
-        {"{ \"valid\":false}", -1, "The response format is incorrect."},
-        {"", -1, "The response format is incorrect."},
-    };
-    const fbauth_attr attrs = {.mac = {2, 0, 0, 0xAA, 0xBB, 0xFF}, .text = {}};
-    for (const auto &row : cases) {
-        EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, row.answer), row.result) << row.answer;
-        EXPECT_STREQ(tu_tmpbuf, row.said) << row.answer;
-        EXPECT_EQ(receive(), "") << row.answer;
-    }
-    const std::string removal("\0\x15\0\0\x0B\0\0\x03\x06\0\0\0\x02\0\0\xAA\xBB\xFF", 18);
-    for (const char *answer : {"{\"valid\":false}", " \n{\"a\":1,\"b\":{\"valid\":false}}",
-                               "{\"valid\":false", "{\"valid\":false}{\"valid\":true}"}) {
-        EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, answer), 0) << answer;
-        EXPECT_EQ(receive(), removal) << answer;
-    }
     EXPECT_EQ(pelkin_analysis_fbauth_resp(nullptr, ""), -1);
-    EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, nullptr), -1);
+    EXPECT_EQ(pelkin_analysis_fbauth_resp(&TOKEN, nullptr), -1);
 }
 
-TEST_F(FbauthAnswer, RemovalThatCannotBeSentIsTold)
+TEST_F(StationManager, OnlyExactlyFalseRemovesTheStation)
 {
-    const fbauth_attr attrs = {.mac = {2, 0, 0, 0, 0, 1}, .text = {}};
-    while (pelkin_del_sta_req(attrs.mac) == 0) { // until the station manager's queue is full
+    const char asks[] = "Send a del sta(mac:02:00:00:aa:bb:ff) request message to kivren.";
+    const std::tuple<const char *, int32_t, const char *> cases[] = {
+        {R"({"valid":true})", 0, "The valid is true"},
+        {R"({"valid":False})", 0, "The valid is False"},
+        {R"({"valid":0})", 0, "The valid is 0"},
+        {R"({"valid": false})", 0, "The valid is  false"},
+        {R"({"valid":falsehood})", 0, "The valid is falsehood"},
+        {R"({"valid":fals)", 0, "The valid is fals"},
+        {R"({"valid":})", -1, "The valid is invalid"},
+        {R"({"valid":)", -1, "The valid is invalid"},
+        {R"({"error":1})", -1, "The response format is incorrect."},
+        {R"({ "valid":false})", -1, "The response format is incorrect."},
+        {"", -1, "The response format is incorrect."},
+        {R"({"valid":false})", 0, asks},
+        {" \n"
+         R"({"a":1,"b":{"valid":false}})",
+         0, asks},
+        {R"({"valid":false}{"valid":true})", 0, asks},
+        {R"({"valid":false)", 0, asks}};
+    for (const auto &[answer, result, said] : cases) {
+        EXPECT_EQ(pelkin_analysis_fbauth_resp(&TOKEN, answer), result) << answer;
+        EXPECT_STREQ(tu_tmpbuf, said) << answer; // the last message
+        EXPECT_EQ(kivren->receive(0).value_or(""), said == asks ? REMOVAL : "") << answer;
     }
-    EXPECT_EQ(pelkin_analysis_fbauth_resp(&attrs, "{\"valid\":false}"), 0);
-    EXPECT_STREQ(tu_tmpbuf, "Failed to send del sta(mac:02:00:00:00:00:01) request to kivren.");
-    EXPECT_EQ(receive().size(), 18U);
-    EXPECT_EQ(pelkin_del_sta_req(attrs.mac), 0);
 }
+
+TEST_F(StationManager, LostMessagesAreToldAndNoFailureOfTheAnswer)
+{
+    while (pelkin_del_sta_req(TOKEN.mac) == 0) { // until its queue is full
+    }
+    EXPECT_EQ(report_on(make_batch({"a"}), refuse({"a"})), REMOVAL);
+    EXPECT_STREQ(tu_tmpbuf, "Failed to send reauth response.");
+    EXPECT_EQ(pelkin_del_sta_req(TOKEN.mac), 0);
+    EXPECT_EQ(pelkin_analysis_fbauth_resp(&TOKEN, R"({"valid":false})"), 0);
+    EXPECT_STREQ(tu_tmpbuf, "Failed to send del sta(mac:02:00:00:aa:bb:ff) request to kivren.");
+}
+
+// The station manager, a verification server that holds no token for valid, and a daemon that tells
+// everything and has small stacks (sanitizers multiply what a call needs). Most batches are the
+// largest ones.
+struct Verification : StationManager {
+    Verification()
+    {
+        daemon.set_trace_level(7, log);
+    }
+    std::string answer_to(const std::string &request)
+    {
+        const bool is_batch = request.starts_with("POST");
+        asked.push_back(is_batch ? body_of(request) : request.substr(0, request.find('\r')));
+        std::vector<std::string> known = tokens;
+        known.insert(known.end(), {"b", "a"});
+        return is_batch ? refuse(known) : R"({"valid":false})";
+    }
+    // Each is on while its file exists.
+    void set_switches(int no_verification, int no_result)
+    {
+        const std::string name = "ignore_fb_token_verification";
+        const std::string path = "/tmp/" + name;
+        const std::string result_path = path + "_result";
+        no_verification != 0 ? write_file(path, "") : (void)unlink(path.c_str());
+        no_result != 0 ? write_file(result_path, "") : (void)unlink(result_path.c_str());
+        const std::string confirmation = name + " = " + std::to_string(no_verification) + ", " +
+                                         name + "_result = " + std::to_string(no_result);
+        const size_t before = log.count(confirmation);
+        (void)kill(daemon.pid, SIGUSR2);
+        ASSERT_TRUE(log.wait_for(confirmation, before + 1));
+    }
+    void send_batch(const std::vector<std::string> &batch) const
+    {
+        ASSERT_TRUE(module.send(Request{.url = "http://127.0.0.1/batch",
+                                        .msg_id = PELKIN_MSG_REAUTH_REQ,
+                                        .resp_method = PELKIN_RESP_ANALYSE,
+                                        .http_req_type = PELKIN_HTTP_POST,
+                                        .data = make_batch(batch)}));
+    }
+    void send_both() const
+    {
+        send_batch(tokens);
+        ASSERT_TRUE(module.send(Request{.url = "http://127.0.0.1/token",
+                                        .text = "access_token=1",
+                                        .msg_id = PELKIN_MSG_FBAUTH_REQ,
+                                        .resp_method = PELKIN_RESP_ANALYSE,
+                                        .address = MAC}));
+    }
+    // The next two messages are the report and the removal.
+    void expect_both() const
+    {
+        Report report;
+        for (int station = 0; station < 759; station++) {
+            report.emplace_back(station, 0);
+        }
+        EXPECT_EQ(kivren->receive(), report_bytes(report));
+        EXPECT_EQ(kivren->receive(), REMOVAL);
+    }
+
+    const std::vector<std::string> tokens = make_tokens(759, 60);
+    std::vector<std::string> asked; // the server's, until it has been stopped
+    Server server{{},
+                  serve_bodies([this](const std::string &request) { return answer_to(request); })};
+    SyslogSink log;
+    Daemon daemon{{"bash", "-c", is_sanitized() ? "exec PELKIN" : "ulimit -s 256; exec PELKIN"}};
+    Requester module;
+};
+
+TEST_F(Verification, SwitchesActInTheMiddleOfTheLargestTraffic)
+{
+    send_both();
+    expect_both();
+
+    set_switches(0, 1);
+    send_both();
+    EXPECT_TRUE(log.wait_for("ignore fb token verification result.", 2));
+
+    set_switches(1, 0);
+    send_both();
+    EXPECT_TRUE(log.wait_for("ignore fb token verification.", 2));
+
+    set_switches(0, 0);
+    send_both();
+    expect_both();
+    // Nothing of a large batch shows in a small one.
+    send_batch({"a", "b"});
+    EXPECT_EQ(kivren->receive(), report_bytes({{1, 0}, {0, 0}}));
+    EXPECT_EQ(server.connections, 1);
+    server.stop();
+    const std::string body = batch_body(tokens).substr(0, 61439);
+    const std::string get = "GET /token?access_token=1 HTTP/1.0";
+    EXPECT_EQ(asked,
+              (std::vector<std::string>{body, get, body, get, body, get, batch_body({"a", "b"})}));
+}
+
+TEST_F(Verification, LostMessagesAreToldAndTheNextOnesArrive)
+{
+    const std::string lost_report = "Failed to send reauth response.";
+    const std::string lost_removal =
+        "Failed to send del sta(mac:02:00:00:aa:bb:ff) request to kivren.";
+    kivren.reset();
+    send_both();
+    EXPECT_TRUE(log.wait_for(lost_report));
+    EXPECT_TRUE(log.wait_for(lost_removal));
+
+    kivren = std::make_unique<Requester>(KIVREN_SOCKET_PATH);
+    const ipc_msg_hdr empty = {};
+    while (pelkin_send_ipc_msg(KIVREN_SOCKET_PATH, &empty) == 0) { // until its queue is full
+    }
+    send_both();
+    EXPECT_TRUE(log.wait_for(lost_report, 2));
+    EXPECT_TRUE(log.wait_for(lost_removal, 2));
+    while (kivren->receive(0)) {
+    }
+    send_both();
+    expect_both();
+    EXPECT_TRUE(log.wait_for("Success to send request to kivren."));
+    EXPECT_EQ(log.count("Success to send request to kivren."), 1u);
+    EXPECT_EQ(server.connections, 1);
+}
+
+} // namespace

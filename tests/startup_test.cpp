@@ -5,10 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "core/ipc_msg.h"
 #include "core/signals.h"
@@ -19,6 +16,8 @@
 using namespace support;
 
 static const std::string CALLS = "/tmp/ttylog_calls";
+static const std::string BOTH_CALLS =
+    "register_process PELKIN enable 1 1.pelkin\nunregister_process PELKIN\n";
 
 class StartUpSteps : public testing::Test
 {
@@ -31,27 +30,19 @@ class StartUpSteps : public testing::Test
         for (const char *left : {CALLS.c_str(), PELKIN_PID_FILE, PELKIN_SOCKET_PATH}) {
             std::filesystem::remove(left);
         }
+        std::filesystem::create_directories("/etc/quorvane");
         write_file(PELKIN_LEVEL_FILE, "5");
-        // NOLINTNEXTLINE(concurrency-mt-unsafe)
         ASSERT_EQ(setenv("PATH", "/tmp/ttylog_bin:/usr/sbin:/usr/bin:/sbin:/bin", 1), 0);
     }
 };
 
-// The daemon with system calls failing as strace's `inject` says; the leak check cannot run there.
-static std::vector<std::string> with_failing(const std::string &calls, const std::string &inject,
-                                             const std::string &path = "")
+// A shell's command: the daemon with a system call failing as strace's `inject` says. The leak
+// check cannot run there.
+static std::string with_failing(const std::string &call, const std::string &how,
+                                const std::string &options = "")
 {
-    std::vector<std::string> command = {"env",    "ASAN_OPTIONS=detect_leaks=0",
-                                        "strace", "-D",
-                                        "-f",     "-qq",
-                                        "-o",     "/dev/null",
-                                        "-e",     "trace=" + calls,
-                                        "-e",     "inject=" + inject};
-    if (!path.empty()) {
-        command.insert(command.end(), {"-P", path});
-    }
-    command.push_back("PELKIN");
-    return command;
+    return "exec env ASAN_OPTIONS=detect_leaks=0 strace -D -f -qq -o /dev/null " + options +
+           " -e trace=" + call + " -e inject=" + call + ":error=" + how + " PELKIN";
 }
 
 // Whether start-up succeeded: the main loop then answers a signal.
@@ -64,28 +55,6 @@ static bool reaches_main_loop(Daemon &daemon, LogSink &log)
     (void)wait_until([&] { return !daemon.alive() || log.count("received SIGUSR1") > 0; });
     return log.count("received SIGUSR1") > 0;
 }
-
-// Waits until the sink has what was sent to it before.
-static void drain(LogSink &log)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    (void)log.bound_path.copy(address.sun_path, sizeof address.sun_path - 1);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(sendto(fd, "all sent", 8, 0, (const sockaddr *)&address, sizeof address), 8);
-    (void)close(fd);
-    EXPECT_TRUE(log.wait_for("all sent"));
-}
-
-static void expect_whole_shutdown(Daemon &daemon, const std::string &calls)
-{
-    const int status = daemon.wait_for_end();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << daemon.error_text();
-    EXPECT_EQ(read_file(CALLS), calls);
-}
-
-static const std::string REGISTRATION = "register_process PELKIN enable 1 1.pelkin\n";
-static const std::string BOTH_CALLS = REGISTRATION + "unregister_process PELKIN\n";
 
 TEST_F(StartUpSteps, SigpipeIsIgnoredAlthoughTheCrashHandlerTookIt)
 {
@@ -102,86 +71,64 @@ TEST_F(StartUpSteps, SigpipeIsIgnoredAlthoughTheCrashHandlerTookIt)
     (void)kill(daemon.pid, SIGPIPE);
     EXPECT_TRUE(reaches_main_loop(daemon, log));
     (void)kill(daemon.pid, SIGSEGV);
-    const int status = daemon.wait_for_end();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 255) << status;
+    EXPECT_EQ(daemon.wait_for_end(), W_EXITCODE(255, 0));
     const std::string dump = read_file("/etc/quorvane/dump/pelkin.dump");
     EXPECT_EQ(dump.rfind("# pelkin, crashed at ", 0), 0u);
     EXPECT_NE(dump.find("# End of Crash dump\n"), std::string::npos);
 }
 
-TEST_F(StartUpSteps, CrashHandlerEndsTheProcessByItself)
+TEST_F(StartUpSteps, FailedStepIsTheLastOneUnlessItIsThePidFile)
 {
-    std::filesystem::rename("/etc/quorvane", "/etc/quorvane.away");
-    Daemon daemon({"PELKIN"}, false);
-    const int status = daemon.wait_for_end();
-    std::filesystem::rename("/etc/quorvane.away", "/etc/quorvane");
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 255) << status;
-    EXPECT_FALSE(std::filesystem::exists(PELKIN_PID_FILE));
-    EXPECT_EQ(read_file(CALLS), "");
-}
-
-TEST_F(StartUpSteps, SignalPipe)
-{
-    Daemon daemon(with_failing("pipe2", "pipe2:error=EMFILE:when=1"), false);
-    expect_whole_shutdown(daemon, ""); // nothing was registered yet
-    EXPECT_FALSE(std::filesystem::exists(PELKIN_PID_FILE));
-}
-
-TEST_F(StartUpSteps, PidFileAndLogServiceMayFail)
-{
-    LogSink log;
-    Daemon daemon(with_failing("openat", "openat:error=EROFS", PELKIN_PID_FILE), false);
-    EXPECT_TRUE(reaches_main_loop(daemon, log));
-    daemon.kill_now();
-    SetUp();
-    Daemon silent({"PELKIN"}, true);
-    silent.kill_now();
-}
-
-TEST_F(StartUpSteps, TlsContext)
-{
-    LogSink log;
     write_file("/tmp/no_tls.cnf", "openssl_conf = all\n[all]\nproviders = some\n"
                                   "[some]\nnull = only\n[only]\nactivate = 1\n");
-    Daemon daemon({"env", "OPENSSL_CONF=/tmp/no_tls.cnf", "PELKIN"}, false);
-    expect_whole_shutdown(daemon, BOTH_CALLS);
-    EXPECT_TRUE(log.wait_for("pelkin_init():create ctx fail.\n"));
-    EXPECT_FALSE(std::filesystem::exists(PELKIN_SOCKET_PATH));
-}
-
-TEST_F(StartUpSteps, RequestSocket)
-{
+    const struct {
+        std::string command;
+        int status;
+        const char *message; // null: the step comes before the PID file and the log's registration
+    } steps[] = {
+        {"rm -r /etc/quorvane; exec PELKIN", 255, nullptr}, // by the crash handler itself
+        {with_failing("pipe2", "EMFILE:when=1"), 0, nullptr},
+        {"exec env OPENSSL_CONF=/tmp/no_tls.cnf PELKIN", 0, "create ctx fail.\n"},
+    };
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.command);
+        SetUp();
+        LogSink log;
+        Daemon daemon({"sh", "-c", step.command}, false);
+        EXPECT_EQ(daemon.wait_for_end(), W_EXITCODE(step.status, 0)) << daemon.error_text();
+        const bool registered = step.message != nullptr;
+        EXPECT_EQ(read_file(CALLS), registered ? BOTH_CALLS : "");
+        EXPECT_EQ(std::filesystem::exists(PELKIN_PID_FILE), registered);
+        EXPECT_FALSE(std::filesystem::exists(PELKIN_SOCKET_PATH));
+        if (registered) {
+            EXPECT_TRUE(log.wait_for(std::string("pelkin_init():") + step.message));
+        }
+    }
     LogSink log;
-    write_file(PELKIN_SOCKET_PATH, "in the way");
-    Daemon daemon({"PELKIN"}, false);
-    expect_whole_shutdown(daemon, BOTH_CALLS);
-    EXPECT_TRUE(log.wait_for("pelkin_init():Unable to open unix socket: Address already in use\n"));
+    const std::string pid_file = std::string("-P ") + PELKIN_PID_FILE;
+    Daemon daemon({"sh", "-c", with_failing("openat", "EROFS", pid_file)}, false);
+    EXPECT_TRUE(reaches_main_loop(daemon, log));
 }
 
 // Children and a sanitizer's own threads are made by the same call, so each of its first ones fails
 // in turn.
 TEST_F(StartUpSteps, EachThread)
 {
-    static const char *const failures[] = {"cannot start monitor thread for vokmon",
-                                           "cannot start wechat thread."};
-    uint32_t seen[2] = {};
+    size_t monitors = 0;
+    size_t wechats = 0;
     for (int which = 1; which <= 6; which++) {
         SetUp();
         LogSink log;
-        Daemon daemon(with_failing("clone3", "clone3:error=EAGAIN:when=" + std::to_string(which)),
+        Daemon daemon({"sh", "-c", with_failing("clone3", "EAGAIN:when=" + std::to_string(which))},
                       false);
         daemon.end_expected = true;
-        if (reaches_main_loop(daemon, log)) {
-            daemon.kill_now();
-        }
-        drain(log);
-        for (size_t i = 0; i < 2; i++) {
-            if (log.count(failures[i]) > 0) {
-                seen[i]++;
-                expect_whole_shutdown(daemon, BOTH_CALLS);
-            }
+        if (!reaches_main_loop(daemon, log) && daemon.wait_for_end() == 0) {
+            EXPECT_TRUE(log.wait_for("cannot start "));
+            EXPECT_EQ(read_file(CALLS), BOTH_CALLS);
+            monitors += log.count("cannot start monitor thread for vokmon");
+            wechats += log.count("cannot start wechat thread.");
         }
     }
-    EXPECT_EQ(seen[0], 1u);
-    EXPECT_EQ(seen[1], 1u);
+    EXPECT_EQ(monitors, 1u);
+    EXPECT_EQ(wechats, 1u);
 }

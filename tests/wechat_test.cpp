@@ -1,227 +1,231 @@
-// The WeChat registry, the readers of the API's answers, and the text of a batch query: all without
-// a network.
+// The follow check: what its registry refuses and forgets, and its passes against a TLS server
+// behind the API's host name. The server plays the main thread too where something must happen
+// during an exchange. What the registry holds and how answers are read is the fuzzers' business.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <climits>
 #include <random>
 #include <stdlib.h>
-#include <string.h>
 #include <string>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "http/connection.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"
 #include "tests/support/requester.h"
+#include "tests/support/server.h"
 #include "wechat/access_token.h"
-#include "wechat/batch_query.h"
-#include "wechat/registry.h"
+#include "wechat/follow_check.h"
 
-static int allocations_left = -1; // -1: any number
+static std::atomic<int> allocations_left = INT_MAX;
 
 extern "C" void *__real_calloc(size_t count, size_t size);
 // NOLINTNEXTLINE(bugprone-reserved-identifier): the linker's name for the replaced function
 extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
-    if (allocations_left == 0) {
-        return nullptr;
-    }
-    allocations_left -= allocations_left > 0 ? 1 : 0;
-    return __real_calloc(count, size);
+    return allocations_left-- > 0 ? __real_calloc(count, size) : nullptr;
 }
 
 namespace
 {
 
-struct WeChatRegistry : testing::Test {
-    ~WeChatRegistry() override
+const std::string HOST = PELKIN_WECHAT_API_HOST;
+const std::string HEAD_LINES = " HTTP/1.0\r\nHost: " + HOST +
+                               "\r\nConnection: keep-alive\r\nUser-Agent: pelkin\r\nContent-type: "
+                               "application/x-www-form-urlencoded\r\nContent-Length: ";
+const std::string REFUSAL = R"({"errcode":40001})";
+
+std::string numbered(std::string text, int number)
+{
+    return text += std::to_string(number);
+}
+
+// Shared by numbers a thousand apart; most fill the field.
+std::string openid(int number)
+{
+    return numbered(std::string(WECHAT_OPENID_SIZE - 4, 'o'), number % 1000);
+}
+
+int32_t send_in(int number, const std::string &appid = "app", const std::string &secret = "secret",
+                int32_t delay = 0, size_t missing = 0)
+{
+    wechat_check_follow_req request = {};
+    request.mac[4] = (uint8_t)(number >> 8);
+    request.mac[5] = (uint8_t)number;
+    openid(number).copy(request.openid, sizeof request.openid);
+    appid.copy(request.appid, sizeof request.appid);
+    secret.copy(request.appsecret, sizeof request.appsecret);
+    request.delay = delay;
+    const std::string message =
+        support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ,
+                         std::string((const char *)&request, sizeof request - missing));
+    return wechat_req_msg_proc(message.data(), nullptr, 0);
+}
+
+using Requests = std::vector<std::string>;
+
+std::string token_answer(const std::string &token = "TOK", int expires_in = 7200)
+{
+    return R"({"access_token":")" + token + numbered(R"(","expires_in":)", expires_in) + "}";
+}
+
+std::string entry(int subscribe, const std::string &id)
+{
+    return numbered(R"({"subscribe":)", subscribe) + R"(,"openid":")" + id + "\"}";
+}
+
+std::string user_info(const std::string &entries)
+{
+    return R"({"user_info_list":[)" + entries + "]}";
+}
+
+std::string batch_request(int first, int last)
+{
+    std::string body;
+    for (int i = first; i <= last; i++) {
+        body += (body.empty() ? R"({ "user_list": [ )" : ",");
+        body += R"({"openid": ")" + openid(i) + R"(","lang": "zh_CN"})";
+    }
+    body += " ]}";
+    return "POST /cgi-bin/user/info/batchget?access_token=TOK" + HEAD_LINES +
+           std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string token_request(const std::string &secret)
+{
+    return "GET /cgi-bin/token?grant_type=client_credential&appid=app&secret=" + secret +
+           HEAD_LINES + "0\r\n\r\n";
+}
+
+// Newest first, a space behind each.
+std::string appids()
+{
+    std::string all;
+    for (auto *account = wechat_account_chain; account != nullptr; account = account->next) {
+        all += account->appid + std::string(" ");
+    }
+    return all;
+}
+
+// Checks the order of a list, equal due minutes by number, and returns its length.
+size_t count_in_order(const TO_CHECK_CLIENT *client)
+{
+    std::pair<int32_t, int> before = {INT32_MIN, -1};
+    size_t count = 0;
+    for (; client != nullptr; client = client->next, count++) {
+        const std::pair<int32_t, int> here = {client->expire_min,
+                                              client->mac[4] << 8 | client->mac[5]};
+        EXPECT_LT(before, here);
+        before = here;
+    }
+    return count;
+}
+
+struct WeChat : testing::Test {
+    WeChat()
     {
-        allocations_left = -1;
+        support::write_file("/etc/hosts", "127.0.0.1 localhost " + HOST + "\n");
+        pelkin_ctx = pelkin_create_ctx();
+        pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        tu_trace_level = 0; // nothing printed
+        tu_pelkin_fltlog = 1;
+    }
+    ~WeChat() override
+    {
         while (wechat_account_chain != nullptr) {
             TO_CHECK_ACCOUNT *account = wechat_account_chain;
             wechat_account_chain = account->next;
             wechat_free_clients(account->clients);
             free(account);
         }
+        SSL_CTX_free(pelkin_ctx);
+        (void)close(pelkin_sock);
     }
+    // The last address bytes of what the station manager has been asked to delete.
+    std::string deleted() const
+    {
+        std::string all;
+        for (auto request = kivren.receive(0); request; request = kivren.receive(0)) {
+            all += std::to_string((uint8_t)request->back()) + " ";
+        }
+        return all;
+    }
+
+    support::Requester kivren{KIVREN_SOCKET_PATH};
 };
 
-int32_t send_in(const std::string &appid, const std::string &openid, int32_t delay,
-                const std::string &secret = "secret")
+// One pass, and the requests that the server got, each over a connection of its own. `answer_to`
+// makes the answer to each; "" resets the connection instead.
+template <class AnswerTo> Requests check(const AnswerTo &answer_to)
 {
-    wechat_check_follow_req request = {};
-    openid.copy(request.openid, sizeof request.openid);
-    appid.copy(request.appid, sizeof request.appid);
-    secret.copy(request.appsecret, sizeof request.appsecret);
-    request.delay = delay;
-    const std::string message = support::message(
-        PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, std::string((const char *)&request, sizeof request));
-    return wechat_req_msg_proc(message.data(), nullptr, 0);
+    Requests requests; // there is one connection at a time
+    support::Server server({.tls = true}, [&](support::Connection &connection) {
+        requests.push_back(connection.read_request());
+        const std::string text = answer_to(requests.back());
+        if (text.empty()) {
+            connection.reset();
+        } else if (connection.send(support::answer(text))) {
+            EXPECT_TRUE(connection.wait_for_close()) << "a second request on one connection";
+        }
+    });
+    EXPECT_EQ(wechat_check_clients_of_all_accounts(), 0);
+    server.stop();
+    EXPECT_EQ((size_t)server.connections, requests.size());
+    return requests;
 }
 
-std::vector<std::string> openids(const TO_CHECK_CLIENT *clients)
+TEST_F(WeChat, RequestThatIsShortOrFindsNoMemoryIsRefusedAndFreesTheMutex)
 {
-    std::vector<std::string> all;
-    for (; clients != nullptr; clients = clients->next) {
-        all.emplace_back(clients->openid);
-    }
-    return all;
+    EXPECT_EQ(send_in(1, "app", "secret", 0, 1), -1);
+    allocations_left = 0;
+    EXPECT_EQ(send_in(1), -1);
+    EXPECT_EQ(wechat_account_chain, nullptr);
+    allocations_left = 1;
+    EXPECT_EQ(send_in(1), -1);
+    EXPECT_EQ(wechat_account_chain->clients, nullptr);
+    allocations_left = INT_MAX;
+    EXPECT_EQ(send_in(1), 0);
+    EXPECT_EQ(appids(), "app ");
 }
 
-std::string appids()
-{
-    std::string all;
-    for (const TO_CHECK_ACCOUNT *account = wechat_account_chain; account != nullptr;
-         account = account->next) {
-        all += account->appid + std::string(" ");
-    }
-    return all;
-}
-
-// Checks the order of a list, equal due minutes by arrival, and returns its length.
-size_t count_in_order(const TO_CHECK_CLIENT *client)
-{
-    size_t count = client != nullptr ? 1 : 0;
-    for (; client != nullptr && client->next != nullptr; client = client->next, count++) {
-        const std::pair<int32_t, int> here = {client->expire_min, atoi(client->openid)};
-        const std::pair<int32_t, int> next = {client->next->expire_min, atoi(client->next->openid)};
-        EXPECT_LT(here, next);
-    }
-    return count;
-}
-
-TEST_F(WeChatRegistry, ClientsStayInOrderWhateverTheirArrival)
+TEST_F(WeChat, ClientsStayInOrderWhateverTheirArrival)
 {
     std::mt19937 random(support::seed());
     size_t waiting = 0;
-    for (int arrival = 0; arrival < 10000; arrival++, waiting++) {
-        ASSERT_EQ(send_in("app", std::to_string(arrival), (int32_t)(random() % 300) - 10), 0);
-        if (arrival % 500 != 499) {
-            continue;
+    for (int arrival = 1; arrival <= 10000; arrival++) {
+        ASSERT_EQ(send_in(arrival, "app", "secret", (int32_t)(random() % 300) - 10), 0);
+        waiting++;
+        if (arrival % 500 == 0) {
+            const int32_t minute = pelkin_cur_minute() + (int32_t)(random() % 150);
+            TO_CHECK_CLIENT *due = wechat_detach_due_clients(wechat_account_chain, minute);
+            waiting -= count_in_order(due);
+            for (const TO_CHECK_CLIENT *client = due; client != nullptr; client = client->next) {
+                ASSERT_LE(client->expire_min, minute);
+            }
+            wechat_free_clients(due);
+            ASSERT_EQ(count_in_order(wechat_account_chain->clients), waiting);
+            ASSERT_GT(wechat_account_chain->clients->expire_min, minute);
         }
-        const int32_t minute = pelkin_cur_minute() + (int32_t)(random() % 150);
-        TO_CHECK_CLIENT *due = wechat_detach_due_clients(wechat_account_chain, minute);
-        waiting -= count_in_order(due);
-        for (const TO_CHECK_CLIENT *client = due; client != nullptr; client = client->next) {
-            ASSERT_LE(client->expire_min, minute);
-        }
-        wechat_free_clients(due);
-        ASSERT_EQ(count_in_order(wechat_account_chain->clients), waiting + 1);
-        ASSERT_GT(wechat_account_chain->clients->expire_min, minute);
     }
 }
 
-TEST_F(WeChatRegistry, DelayBeyondTheClockSaturates)
-{
-    ASSERT_EQ(send_in("app", "late", INT32_MAX), 0);
-    ASSERT_EQ(send_in("app", "early", INT32_MIN), 0);
-    const TO_CHECK_CLIENT *first = wechat_account_chain->clients;
-    EXPECT_EQ(openids(first), (std::vector<std::string>{"early", "late"}));
-    EXPECT_EQ(first->next->expire_min, INT32_MAX);
-    EXPECT_LE(first->expire_min, INT32_MIN + pelkin_cur_minute());
-}
-
-TEST_F(WeChatRegistry, OnlyANewSecretExpiresTheToken)
-{
-    ASSERT_EQ(send_in("app", "a", 1, "one"), 0);
-    const int32_t start = wechat_account_chain->token_expire_min;
-    wechat_account_chain->token_expire_min = INT32_MAX;
-    ASSERT_EQ(send_in("other", "b", 1, "two"), 0);
-    ASSERT_EQ(send_in("app", "a", 1, "one"), 0);
-    const TO_CHECK_ACCOUNT *account = wechat_account_chain->next;
-    EXPECT_EQ(account->token_expire_min, INT32_MAX);
-    ASSERT_EQ(send_in("app", "a", 1, "two"), 0);
-    EXPECT_STREQ(account->appsecret, "two");
-    EXPECT_GE(account->token_expire_min, start);
-    EXPECT_LE(account->token_expire_min, pelkin_cur_minute());
-    EXPECT_EQ(openids(account->clients), (std::vector<std::string>{"a", "a", "a"}));
-    EXPECT_EQ(appids(), "other app ");
-}
-
-TEST_F(WeChatRegistry, UnterminatedFieldsEndAtTheirWidth)
-{
-    const std::string full(129, 'x');
-    ASSERT_EQ(send_in(full, full.substr(0, 32), 0, full), 0);
-    ASSERT_EQ(send_in(full, "second", 0, full.substr(0, 128)), 0);
-    EXPECT_EQ(appids(), full.substr(0, 128) + " ") << "the same account both times";
-    EXPECT_EQ(wechat_account_chain->appsecret, full.substr(0, 128));
-    EXPECT_EQ(openids(wechat_account_chain->clients),
-              (std::vector<std::string>{full.substr(0, 31), "second"}));
-}
-
-TEST_F(WeChatRegistry, ShortPayloadIsRefused)
-{
-    for (const auto &[length, expected] : {std::pair{0, -1}, {299, -1}, {300, 0}, {301, 0}}) {
-        const std::string message =
-            support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, std::string((size_t)length, 'x'));
-        EXPECT_EQ(wechat_req_msg_proc(message.data(), nullptr, 0), expected) << length;
-    }
-    EXPECT_EQ(openids(wechat_account_chain->clients).size(), 2u);
-}
-
-TEST_F(WeChatRegistry, OutOfMemoryDropsTheRequestAndFreesTheMutex)
-{
-    allocations_left = 0;
-    EXPECT_EQ(send_in("app", "a", 0), -1);
-    EXPECT_EQ(wechat_account_chain, nullptr);
-    allocations_left = 1;
-    EXPECT_EQ(send_in("app", "a", 0), -1);
-    EXPECT_EQ(appids(), "app ");
-    EXPECT_EQ(wechat_account_chain->clients, nullptr);
-    allocations_left = -1;
-    EXPECT_EQ(send_in("app", "a", 0), 0);
-}
-
-TEST_F(WeChatRegistry, OldestIdleAccountsBeyondElevenGoAndBusyOnesStay)
+TEST_F(WeChat, OldestIdleAccountsBeyondElevenGoAndBusyOnesStay)
 {
     for (int i = 0; i < 15; i++) {
-        ASSERT_EQ(send_in(std::to_string(i), "a", i == 0 || i == 7 ? 60 : 0), 0);
+        (void)send_in(1, numbered("", i), "secret", i == 0 || i == 7 ? 60 : 0);
     }
-    for (TO_CHECK_ACCOUNT *account = wechat_account_chain; account != nullptr;
-         account = account->next) {
-        wechat_free_clients(wechat_detach_due_clients(account, pelkin_cur_minute()));
-    }
+    (void)check([](const std::string &) { return REFUSAL; });
     wechat_delete_idle_account();
     EXPECT_EQ(appids(), "14 13 12 11 10 9 8 7 6 5 4 3 0 ") << "of thirteen idle ones 1 and 2 gone";
 }
 
-TEST(WeChatTokenAnswer, IsReadOnlyInItsExactForm)
-{
-    const std::string longest(512, 't');
-    const struct {
-        std::string answer;
-        std::string token; // "": unreadable
-        int32_t expires_in;
-    } cases[] = {
-        {R"({"access_token":"tok","expires_in":7200})", "tok", 7200},
-        {R"({"access_token":"tok","expires_in": -60})", "tok", -60},
-        {R"({"access_token":"tok","expires_in":99999999999999999999})", "tok", INT32_MAX},
-        {R"({"access_token":"tok","expires_in":-2147483649)", "tok", INT32_MIN},
-        {R"({"access_token":")" + longest + R"(","expires_in":600})", longest, 600},
-        {R"({"access_token":")" + longest + R"(t","expires_in":600})", "", 0},
-        {R"({"access_token":"","expires_in":7200})", "", 0},
-        {R"({"expires_in":7200,"access_token":"tok"})", "", 0},
-        {R"({ "access_token":"tok","expires_in":7200})", "", 0},
-        {R"({"access_token":"tok", "expires_in":7200})", "", 0},
-        {R"({"access_token":"tok","expires_in":"7200"})", "", 0},
-        {R"({"access_token":"tok)", "", 0},
-        {R"({"errcode":40013,"errmsg":"invalid appid"})", "", 0},
-        {"", "", 0},
-    };
-    for (const auto &c : cases) {
-        char token[WECHAT_ACCESS_TOKEN_SIZE];
-        int32_t expires_in = 0;
-        const int32_t rc = wechat_read_token_answer(c.answer.c_str(), token, &expires_in);
-        ASSERT_EQ(rc, c.token.empty() ? -1 : 0) << c.answer;
-        if (rc == 0) {
-            EXPECT_EQ(token, c.token);
-            EXPECT_EQ(expires_in, c.expires_in) << c.answer;
-        }
-    }
-}
-
-TEST(WeChatTokenAnswer, ExpiryNeitherOverflowsNorRoundsUp)
+TEST(WeChatToken, ExpiryNeitherOverflowsNorRoundsUp)
 {
     EXPECT_EQ(wechat_token_expire_min(1000, 7200), 1110);
     EXPECT_EQ(wechat_token_expire_min(1000, 659), 1000);
@@ -231,103 +235,122 @@ TEST(WeChatTokenAnswer, ExpiryNeitherOverflowsNorRoundsUp)
     EXPECT_EQ(wechat_token_expire_min(0, INT32_MIN), INT32_MIN / 60 - 10);
 }
 
-// The clients o1 (twice), o2 and one whose openid fills its field.
-struct WeChatBatchAnswer : testing::Test {
-    WeChatBatchAnswer()
-    {
-        const std::string names[] = {"o1", "o1", "o2", std::string(31, 'o')};
-        for (size_t i = 0; i < 4; i++) {
-            names[i].copy(clients[i].openid, names[i].size());
-            clients[i].mac[5] = (uint8_t)(i + 1);
-            clients[i].next = i < 3 ? &clients[i + 1] : nullptr;
-        }
-        pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    }
-    ~WeChatBatchAnswer() override
-    {
-        (void)close(pelkin_sock);
-        pelkin_sock = -1;
-    }
-    // The last address bytes of what the station manager has been asked to delete.
-    std::string deleted() const
-    {
-        std::string all;
-        for (auto request = kivren.receive(0); request; request = kivren.receive(0)) {
-            EXPECT_EQ(request->size(), 18u);
-            all += std::to_string(request->back()) + " ";
-        }
-        return all;
-    }
-
-    TO_CHECK_CLIENT clients[4] = {};
-    support::Requester kivren{KIVREN_SOCKET_PATH};
-};
-
-TEST_F(WeChatBatchAnswer, DeletesWhoIsReportedAndNobodyElse)
+TEST_F(WeChat, DueClientsGoInExactBatchesUntilOneFailsAndOthersWait)
 {
-    const std::string start = R"({"user_info_list":[)";
-    const std::string longest(31, 'o');
+    EXPECT_EQ(send_in(251, "app", "secret", 60), 0);
+    const Requests all = {token_request("secret"), batch_request(1, 100), batch_request(101, 200),
+                          batch_request(201, 250)};
+    // The first batch already reports a client of the last one.
+    const std::string first =
+        entry(1, openid(1)) + "," + entry(0, openid(249)) + "," + entry(0, openid(7));
+    for (const bool fails : {false, true}) {
+        for (int i = 1; i <= 250; i++) {
+            EXPECT_EQ(send_in(i), 0);
+        }
+        const Requests requests = check([&](const std::string &request) {
+            return request == all[0]   ? token_answer()
+                   : request == all[1] ? user_info(first)
+                   : fails             ? REFUSAL
+                                       : user_info(entry(1, openid(101)));
+        });
+        EXPECT_EQ(requests, fails ? Requests(all.begin() + 1, all.begin() + 3) : all);
+        EXPECT_EQ(deleted(), "249 7 ");
+        EXPECT_STREQ(wechat_account_chain->clients->openid, openid(251).c_str());
+        EXPECT_EQ(wechat_account_chain->clients->next, nullptr);
+    }
+}
+
+TEST_F(WeChat, FailuresFreeTheClientsAndDecideWhetherTheTokenStays)
+{
+    const std::string longest(512, 't');
+    const std::string two = entry(0, openid(1)) + "," + entry(1, openid(2));
+    // Each entry has its own message: the time must grow with the length only.
+    std::string crowd = two;
+    while (crowd.size() < 299850) {
+        crowd += "{}";
+    }
     const struct {
-        std::string answer;
-        int32_t rc;
+        const char *name;
+        std::string token_answer;
+        std::string batch_answer;
+        size_t requests; // repetitions included
+        bool is_token_kept;
         std::string deleted;
     } cases[] = {
-        {start + R"({"subscribe":1,"openid":"o1"},{"subscribe":0,"openid":"o2","x":[1]}]})", 0,
-         "3 "},
-        {start + R"({"subscribe":0,"openid":"o1"},{"subscribe":0,"openid":"O2"}]})", 0, "1 "},
-        {start + R"({"subscribe":0,"openid":")" + longest + R"("}]})", 0, "4 "},
-        {start + R"({"subscribe":0,"openid":")" + longest + R"(o"}]})", 0, ""},
-        {start + R"({"subscribe":0,"openid":")" + std::string(200, 'o') + R"("}]})", 0, ""},
-        {start + R"({"subscribe":4294967296,"openid":"o1"},{"subscribe":-1,"openid":"o2"}]})", 0,
-         ""},
-        {start + R"({"openid":"o1","subscribe":0},{},{"subscribe":0,"openid":"o2"}]})", 0, "3 "},
-        {start + R"({"subscribe":0,"language":"en","openid":"o1"},{"subscribe":"0"}]})", 0, ""},
-        {start + R"({"subscribe":0,"openid":""},{"subscribe":0"openid":"o1"}]})", 0, ""},
-        {start + R"({"subscribe": 0 , "openid":"o1"},{ "subscribe":0,"openid":"o2)", -1, "1 "},
-        {start + R"({"subscribe":0,"openid":"o2"},{)", -1, "3 "},
-        {start + "]}", -1, ""},
-        {R"({"errcode":40001,"errmsg":"invalid credential"})", -1, ""},
-        {R"([{"subscribe":0,"openid":"o1"}])", -1, ""},
-        {"", -1, ""},
+        {"longest token", token_answer(longest, 660), user_info(two), 2, true, "1 "},
+        {"too long a token", token_answer(longest + "t"), user_info(two), 1, false, ""},
+        {"short life", token_answer("TOK", 600), user_info(two), 2, false, "1 "},
+        {"token refused", REFUSAL, user_info(two), 1, false, ""},
+        {"token reset", "", user_info(two), 4, false, ""},
+        {"batch refused", token_answer(), REFUSAL, 2, false, ""},
+        {"batch reset", token_answer(), "", 5, false, ""},
+        {"no entries", token_answer(), user_info(""), 2, false, ""},
+        {"no end", token_answer(),
+         R"({"user_info_list":[)" + two + R"(,{"subscribe":0,"openid":")" + openid(2) + "\"]", 2,
+         false, "1 "},
+        {"nearly full", token_answer(), user_info(crowd + "," + entry(0, openid(3))), 2, true,
+         "1 3 "},
+        {"overfull", token_answer(), user_info(crowd + "," + entry(0, std::string(200, 'x'))), 2,
+         false, "1 "},
     };
-    for (auto c : cases) {
-        const std::string shown = c.answer;
-        EXPECT_EQ(wechat_evaluate_batch_answer(c.answer.data(), clients), c.rc) << shown;
-        EXPECT_EQ(deleted(), c.deleted) << shown;
+    for (const auto &c : cases) {
+        for (const int number : {1, 2, 3, 1001}) {
+            EXPECT_EQ(send_in(number, c.name), 0);
+        }
+        const size_t requests =
+            check([&c](const std::string &request) {
+                return request.starts_with("GET ") ? c.token_answer : c.batch_answer;
+            }).size();
+        EXPECT_EQ(requests, c.requests) << c.name;
+        EXPECT_EQ(deleted(), c.deleted) << c.name;
+        EXPECT_EQ(wechat_account_chain->clients, nullptr) << c.name;
+        EXPECT_EQ(wechat_account_chain->token_expire_min > pelkin_cur_minute(), c.is_token_kept)
+            << c.name;
     }
 }
 
-// 150,000 entries, each with its own message: time must grow with the length only.
-TEST_F(WeChatBatchAnswer, CrowdedAnswerIsReadInOneGo)
+TEST_F(WeChat, OnlyANewSecretEndsTheTokenAlsoDuringARefresh)
 {
-    tu_trace_level = 0; // nothing printed
-    tu_pelkin_fltlog = 1;
-    std::string answer = R"({"user_info_list":[)";
-    while (answer.size() < 299998 - 40) {
-        answer += "{}";
-    }
-    answer += R"({"subscribe":0,"openid":"o2"})";
-    EXPECT_EQ(wechat_evaluate_batch_answer(answer.data(), clients), 0);
-    EXPECT_EQ(deleted(), "3 ");
-    tu_trace_level = TU_LEVEL_WARNING;
+    const auto answer_to = [](const std::string &request) {
+        if (request.find("secret=old") != std::string::npos) {
+            (void)send_in(2, "app", "new"); // hangs if the mutex is held
+        }
+        return request.starts_with("GET ") ? token_answer() : user_info(entry(0, openid(1)));
+    };
+    (void)send_in(1, "app", "old");
+    EXPECT_EQ(check(answer_to), (Requests{token_request("old"), batch_request(1, 1)}));
+    EXPECT_EQ(deleted(), "1 ") << "the token was good for the check at hand";
+    EXPECT_EQ(check(answer_to), (Requests{token_request("new"), batch_request(2, 2)}));
+    (void)send_in(3, "app", "new");
+    EXPECT_EQ(check(answer_to), Requests{batch_request(3, 3)});
+    (void)send_in(4, "app", "newer");
+    EXPECT_EQ(check(answer_to), (Requests{token_request("newer"), batch_request(4, 4)}));
 }
 
-TEST(WeChatBatchQuery, BodyIsExactAndNothingOfALargerOneStays)
+TEST_F(WeChat, RequestsAtFullRateDuringPassesAreAllChecked)
 {
-    static http_task task;
-    std::vector<TO_CHECK_CLIENT> clients(101);
-    for (size_t i = 0; i < clients.size(); i++) {
-        memset(clients[i].openid, 'x', WECHAT_OPENID_SIZE - 1);
-        clients[i].next = i + 1 < clients.size() ? &clients[i + 1] : nullptr;
+    const int clients = 20000;
+    std::atomic<int> asked = 0;
+    std::atomic<bool> finished = false;
+    std::thread main_thread([&finished] {
+        for (int i = 0; i < clients; i++) {
+            (void)send_in(i, numbered("app", i % 200), i % 1000 < 200 ? "odd" : "even");
+        }
+        finished = true;
+    });
+    for (bool is_last = false; !is_last;) {
+        is_last = finished;
+        (void)check([&asked](const std::string &request) {
+            for (size_t at = 0; (at = request.find("\"openid\"", at + 1)) != std::string::npos;) {
+                asked++;
+            }
+            return request.starts_with("GET ") ? token_answer() : user_info(entry(1, openid(1)));
+        });
+        wechat_delete_idle_account();
     }
-    wechat_prepare_batch_task(&task, "TOKEN");
-    EXPECT_EQ(wechat_write_batch_body(&task, clients.data()), &clients[100]);
-    EXPECT_EQ(strlen((const char *)task.data), 17 + 100 * 61 + 99 + 3u);
-    EXPECT_EQ(wechat_write_batch_body(&task, &clients[99]), nullptr);
-    const std::string x(31, 'x');
-    EXPECT_EQ(std::string((const char *)task.data), R"({ "user_list": [ {"openid": ")" + x +
-                                                        R"(","lang": "zh_CN"},{"openid": ")" + x +
-                                                        R"(","lang": "zh_CN"} ]})");
+    main_thread.join();
+    EXPECT_EQ(asked, clients);
+    EXPECT_EQ(std::ranges::count(appids(), ' '), WECHAT_IDLE_ACCOUNTS_KEPT);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,13 +26,17 @@ inline std::string address_end(size_t i)
     return {(char)(i >> 8), (char)i};
 }
 
-/* Tag 0xBEEF; station i has the counters UINT32_MAX - i and i. No byte lies behind the last one. */
-inline std::string make_batch(const std::vector<std::string> &tokens, int32_t sta_num,
+/*
+ * Tag 0xBEEF; station i has the counters UINT32_MAX - i and i. No byte lies behind the last one.
+ * `sta_num`: instead of the true one.
+ */
+inline std::string make_batch(const std::vector<std::string> &tokens,
+                              std::optional<int32_t> sta_num = std::nullopt,
                               const std::string &secret = "s")
 {
     std::string batch = "\xEF\xBE" + std::string(129, 'x') + secret;
     batch.resize(260);
-    batch += bytes_of((uint32_t)sta_num);
+    batch += bytes_of((uint32_t)sta_num.value_or((int32_t)tokens.size()));
     for (size_t i = 0; i < tokens.size(); i++) {
         batch += tokens[i];
         batch.resize(BATCH_HEAD_SIZE + i * BATCH_STA_SIZE + 69);
@@ -40,22 +45,6 @@ inline std::string make_batch(const std::vector<std::string> &tokens, int32_t st
     // Room for one station is always there.
     batch.resize(std::max(batch.size(), BATCH_HEAD_SIZE + BATCH_STA_SIZE));
     return batch;
-}
-
-inline std::string make_batch(const std::vector<std::string> &tokens)
-{
-    return make_batch(tokens, (int32_t)tokens.size());
-}
-
-/* Different tokens, each `width` characters long. */
-inline std::vector<std::string> make_tokens(int count, size_t width)
-{
-    std::vector<std::string> tokens;
-    for (int i = 0; i < count; i++) {
-        const std::string number = std::to_string(i);
-        tokens.push_back(std::string(width - number.size(), 't') + number);
-    }
-    return tokens;
 }
 
 /* The whole text for the server, of a batch with the secret "s". */
@@ -67,16 +56,6 @@ inline std::string batch_body(const std::vector<std::string> &tokens)
                 std::to_string(UINT32_MAX - i) + "\",\"outgoing\":\"" + std::to_string(i) + "\"}";
     }
     return body + "}";
-}
-
-/* An answer that gives every token the same verdict. */
-inline std::string batch_answer(const std::vector<std::string> &tokens, const std::string &verdict)
-{
-    std::string answer;
-    for (const std::string &token : tokens) {
-        answer += (answer.empty() ? "\"" : ",\"") + token + "\":{\"valid\":" + verdict + "}";
-    }
-    return "{\"tokens\":{" + answer + "}}";
 }
 
 /* Station and verdict of each entry of a report. */
