@@ -363,16 +363,18 @@ TEST_F(Crash, CallbackRunsBetweenStoredDumpAndSnapshot)
 TEST_F(Crash, HangingSnapshotIsKilledAndTheProcessEnds)
 {
     std::filesystem::create_directories("/tmp/crash_bin");
-    write_file("/tmp/crash_bin/date",
-               "#!/bin/sh\necho $$ > /tmp/crash_date\nexec /bin/sleep 900\n");
+    write_file("/tmp/crash_bin/date", "#!/bin/sh\necho $$ > /tmp/pid\nexec /bin/sleep 900\n");
     std::filesystem::permissions("/tmp/crash_bin/date", std::filesystem::perms::owner_all);
     static const auto fault = [] {
+        for (int fd = 3; fd < 64; fd++) { // the test waits until its pipe is closed everywhere
+            (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
         (void)setenv("PATH", "/tmp/crash_bin", 1);
         fault_null_write();
     };
     EXPECT_EXIT(crash(fault), ExitedWithCode(255), "");
     expect_dumps(read_file(DUMP), "1");
-    const std::string hanging = "/proc/" + std::to_string(std::stol(read_file("/tmp/crash_date")));
+    const std::string hanging = "/proc/" + std::to_string(std::stol(read_file("/tmp/pid")));
     EXPECT_TRUE(support::wait_until([&] { // ended: gone, or a zombie that nobody reaps here
         const std::string stat = read_file(hanging + "/stat");
         return stat.empty() || stat.find(") Z ") != std::string::npos;
