@@ -114,11 +114,11 @@ static bool show_waiting(int fd, bool coloured)
 
 int run_log()
 {
+    end_in_order_when_interrupted(); // before the socket stands, by which others know it has begun
     const int fd = serve_socket(SMART_TTY_SERVICE_PATH, "the log service");
     if (fd < 0) {
         return STATUS_UNREACHABLE;
     }
-    end_in_order_when_interrupted();
     say("showing what arrives at %s; end with Ctrl-C", SMART_TTY_SERVICE_PATH);
     const bool coloured = output_is_coloured();
     // Standard output is watched for its reader's end only, which would else show at the next line.
