@@ -300,9 +300,9 @@ TEST(Client, ReportsAreShownUntilTheExpectedOne)
         std::string(11, '\0'),
         report(7, 2, valid), // an entry short
         report(7, -1, valid),
-        report(7, 0x15555556, valid), // 12 times this is 8 in 32 bits
-        report(7, 0, valid) + "x",    // longer than its envelope says
-        message(0x03000001, valid),   // another message
+        report(7, 0x15555556, valid.substr(0, 8)), // 12 times this is 8 in 32 bits
+        report(7, 0, valid) + "x",                 // longer than its envelope says
+        message(0x03000001, valid),                // another message
         message(KIVREN_MSG_DEL_STA_REQ, STATION),
         report(8, 1, valid),
         report(7, 1, valid),
@@ -315,6 +315,15 @@ TEST(Client, ReportsAreShownUntilTheExpectedOne)
                             "report: tag 8, stations: 1\n  02:00:00:00:00:01 valid\n"
                             "report: tag 7, stations: 1\n  02:00:00:00:00:01 valid\n");
     EXPECT_FALSE(exists(KIVREN_SOCKET_PATH));
+
+    Client single({"fbauth", "h", "--mac", MAC, "--data", "t", "--as-kivren"});
+    ASSERT_TRUE(fake.receive());
+    for (const std::string &station : {NONE, STATION}) {
+        EXPECT_TRUE(fake.send(message(KIVREN_MSG_DEL_STA_REQ, station), KIVREN_SOCKET_PATH));
+    }
+    EXPECT_EQ(single.wait(), 0);
+    EXPECT_EQ(single.out(), "delete station 00:00:00:00:00:00\n"
+                            "delete station 02:00:00:00:00:01\n");
 }
 
 TEST(Client, VerificationsTravelTheWholeRoad)
