@@ -64,6 +64,7 @@ int32_t pelkin_init(void)
         PELKIN_LOG_ERROR("create ctx fail.");
         return -1;
     }
+    pelkin_prepare_lookups();
     pelkin_sock = ipc_open_sock(PELKIN_SOCKET_PATH);
     if (pelkin_sock < 0) {
         char text[128];

@@ -92,18 +92,31 @@ static void set_keepalive(int sock)
     (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 }
 
-int32_t pelkin_create_tcp_socket(void)
+static const char PROTOCOL_NAME[] = "tcp";
+
+// Its number, or -1.
+static int find_protocol(void)
 {
-    static const char protocol_name[] = "tcp";
     struct protoent entry;
     struct protoent *found = nullptr;
     char buffer[1024];
-    if (getprotobyname_r(protocol_name, &entry, buffer, sizeof buffer, &found) != 0 ||
-        found == nullptr) {
-        PELKIN_LOG_ERROR("can't get \"%s\" protocol entryn", protocol_name);
+    const int rc = getprotobyname_r(PROTOCOL_NAME, &entry, buffer, sizeof buffer, &found);
+    return rc == 0 && found != nullptr ? found->p_proto : -1;
+}
+
+void pelkin_prepare_lookups(void)
+{
+    (void)find_protocol();
+}
+
+int32_t pelkin_create_tcp_socket(void)
+{
+    const int protocol = find_protocol();
+    if (protocol < 0) {
+        PELKIN_LOG_ERROR("can't get \"%s\" protocol entryn", PROTOCOL_NAME);
         return -1;
     }
-    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, found->p_proto);
+    const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, protocol);
     if (sock < 0) {
         return -1;
     }

@@ -32,6 +32,13 @@ SSL_CTX *pelkin_create_ctx(void);
 /* A new TLS object, which the caller frees with SSL_free(), or null (logged). */
 SSL *pelkin_create_ssl(SSL_CTX *context);
 
+/*
+ * Makes the C library set up its name services (nsswitch.conf(5)) now. Left to the first lookup, a
+ * lack of memory there would end the process: glibc 2.36 uses what it could not allocate. Main
+ * thread, before the first request.
+ */
+void pelkin_prepare_lookups(void);
+
 /* A new blocking IPv4 stream socket (close-on-exec), which the caller closes, or -1. */
 int32_t pelkin_create_tcp_socket(void);
 
