@@ -113,6 +113,8 @@ TEST_F(Load, LargeTasksFillThePipeAndRefusedOnesCostNothing)
             ASSERT_TRUE(requester.send(request));
         }
         EXPECT_EQ(Requester("/tmp/other").ask(post("served", "127.0.0.2/p")), "served");
+        ASSERT_TRUE(requester.send(Request{.url = "http://"})); // told of behind all of them
+        ASSERT_TRUE(log.wait_for("fill http task failed.", (size_t)round + 1));
         const size_t refused =
             log.count("failed to send task to thread. msg_id:15000009") - refused_before;
         if (round == 0) {
