@@ -164,11 +164,16 @@ TEST_F(Running, GarbageOfEverySizeIsDroppedAndServiceGoesOn)
     EXPECT_GE(log.count("Received length mismatched, expected:"), 100u);
     EXPECT_EQ(log.count("this should be reply of del sta request. no need to process it"), 1u);
     EXPECT_GE(log.count("fill http task failed."), 1u);
-    // Each nameless garbage host leaves a record, no more: a pipe end apiece.
+    // Each nameless garbage host leaves a record, no more: a pipe end apiece. A worker with a
+    // server lives on, with two descriptors more; "0" in the garbage names the server here as well.
     const size_t workers = log.count("Add new social_media_thread");
-    EXPECT_TRUE(
-        wait_until([&] { return count_descriptors(daemon.pid) <= descriptors + workers + 2; }));
-    EXPECT_TRUE(wait_until([&] { return count_threads(daemon.pid) <= threads + 1; }));
+    const auto served = (size_t)plain.connections;
+    EXPECT_LE(served, 2u);
+    EXPECT_TRUE(wait_until([&] {
+        return count_descriptors(daemon.pid) <= descriptors + workers + 2 * served &&
+               count_threads(daemon.pid) <= threads + served;
+    })) << workers
+        << " " << served;
 }
 
 TEST_F(Running, RestartedServerIsReachedByTheSameWorker)
