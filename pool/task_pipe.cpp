@@ -21,6 +21,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -58,6 +59,14 @@ static bool has_room_for(int32_t write_end, size_t length)
     return used + needed <= (size_t)capacity / page;
 }
 
+// Whether the worker has closed its end. Its unread bytes count on as if it could still read them,
+// so a full pipe does not tell.
+static bool has_lost_its_reader(int32_t write_end)
+{
+    struct pollfd watched = {.fd = write_end, .events = 0, .revents = 0};
+    return poll(&watched, 1, 0) == 1 && (watched.revents & POLLERR) != 0;
+}
+
 static void log_send_error(int error)
 {
     char text[128];
@@ -92,8 +101,9 @@ int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
 {
     const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
     if (length > PIPE_BUF && !has_room_for(write_end, length)) {
-        log_send_error(EAGAIN);
-        return EAGAIN;
+        const int error = has_lost_its_reader(write_end) ? EPIPE : EAGAIN;
+        log_send_error(error);
+        return error;
     }
     return send_data(write_end, task, length);
 }

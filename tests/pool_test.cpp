@@ -171,12 +171,16 @@ TEST_F(TaskPipe, BrokenStreamsEndTheReader)
 TEST_F(TaskPipe, EndedReaderIsReportedAndNotDeadly)
 {
     (void)signal(SIGPIPE, SIG_IGN);
-    open_pipe(65536);
-    (void)close(ends[0]);
-    ends[0] = -1;
-    for (const int32_t data_length : {0, HTTP_TASK_DATA_MAX}) {
-        fill(sent.get(), 1, data_length);
-        EXPECT_EQ(pelkin_send_task(ends[1], sent.get()), EPIPE);
+    for (const bool full : {false, true}) {
+        open_pipe(65536);
+        fill(sent.get(), 1, HTTP_TASK_DATA_MAX);
+        EXPECT_EQ(full ? pelkin_send_task(ends[1], sent.get()) : 0, 0);
+        (void)close(ends[0]);
+        ends[0] = -1;
+        for (const int32_t data_length : {HTTP_TASK_DATA_MAX, 0}) {
+            fill(sent.get(), 1, data_length);
+            EXPECT_EQ(pelkin_send_task(ends[1], sent.get()), EPIPE) << full;
+        }
     }
 }
 
