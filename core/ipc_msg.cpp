@@ -52,14 +52,20 @@ int32_t pelkin_send_ipc_msg(const char *peer_path, const void *message)
                                  PEER_ADDRESS_LENGTH);
 }
 
+socklen_t pelkin_sendable_length(socklen_t reported)
+{
+    return reported < sizeof(struct sockaddr_un) ? reported : sizeof(struct sockaddr_un);
+}
+
 int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, const void *address,
                               socklen_t address_length)
 {
+    const socklen_t sendable = pelkin_sendable_length(address_length);
     ssize_t sent = -1;
     (void)__atomic_add_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
     uint32_t interrupted = 0;
     while (__atomic_load_n(&is_closed, __ATOMIC_SEQ_CST) == 0) {
-        sent = sendto(sock, buffer, length, 0, (const struct sockaddr *)address, address_length);
+        sent = sendto(sock, buffer, length, 0, (const struct sockaddr *)address, sendable);
         // A signal during the wait for room is no verdict on the peer: nothing has been sent yet.
         if (sent >= 0 || errno != EINTR) {
             break;

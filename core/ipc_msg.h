@@ -105,6 +105,13 @@ void *pelkin_fill_ipc_hdr(void *buffer, uint32_t msg_id, uint32_t len);
 int32_t pelkin_send_ipc_msg(const char *peer_path, const void *message);
 
 /*
+ * The length with which an address that was received can be sent to. The system reports a path of
+ * 108 characters, for which the address has no NUL, one byte longer than the address is, and then
+ * refuses that length (unix(7), BUGS). Any thread.
+ */
+socklen_t pelkin_sendable_length(socklen_t reported);
+
+/*
  * Sends one datagram of `length` bytes from `sock` to `address`. 0, or -1 after the message
  * "failed to send ipc msg.". Any thread.
  */

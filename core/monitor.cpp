@@ -58,7 +58,7 @@ int32_t vokmon_reply(int32_t fd)
     message.msg_id = VOKMON_MSG_PROBE_REPLY;
     message.len = 0;
     (void)sendto(fd, &message, sizeof message, MSG_DONTWAIT, (const struct sockaddr *)&prober,
-                 prober_length);
+                 pelkin_sendable_length(prober_length));
     return 0;
 }
 

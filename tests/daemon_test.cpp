@@ -81,6 +81,7 @@ TEST_F(Running, RequestsTravelToTheirServerAndBackOverOneKeptConnection)
     }
     EXPECT_EQ(plain.connections, 1);
     EXPECT_EQ(tls.connections, 1);
+    EXPECT_EQ(Requester("/tmp/" + std::string(103, 'r')).ask(post("longest path")), "longest path");
     // A name and an address of the same server are two keys.
     EXPECT_EQ(requester.ask(post("x", "localhost/p")), "x");
     EXPECT_EQ(plain.connections, 2);

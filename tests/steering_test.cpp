@@ -232,7 +232,7 @@ TEST_F(Steering, ProbesAreAnsweredAndNothingElseIs)
     EXPECT_EQ(requester.receive(), expected_reply());
     // Under load too.
     const Server server({}, serve_bodies([](const std::string &) { return "ok"; }));
-    const Requester prober("/tmp/prober");
+    const Requester prober("/tmp/" + std::string(103, 'p')); // no longer path has an address
     for (int i = 0; i < 200; i++) {
         ASSERT_TRUE(requester.send(Request{.url = "http://127.0.0.1/"}));
         ASSERT_TRUE(prober.send(probe(), PELKIN_MONITOR_SOCKET_PATH));

@@ -41,7 +41,7 @@ static sockaddr_un unix_address(const std::string &path)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    path.copy(address.sun_path, sizeof address.sun_path); // the longest one without a NUL
     return address;
 }
 
