@@ -110,6 +110,7 @@ void crashdump_register_usrcb(void (*callback)(void))
 {
     user_callback = callback;
     printf("%s registers crashdump usrcb\n", process_name);
+    (void)fflush(stdout); // a crash ends the process without it
 }
 
 const char *crashdump_file_name(const char *base)

@@ -9,7 +9,7 @@ static const int64_t START_OF_2020 = 1577836800;
 static const int64_t YEARS_AHEAD = DAY * 366 * 20;
 // No zone changes its offset twice within this time.
 static const int64_t PROBE_STEP = DAY * 7;
-static const uint32_t OFFSETS_MOST = 128;
+static const uint32_t OFFSETS_MOST = 256;
 
 // The zone's offset from UTC in seconds, from a time on.
 struct zone_offset {
@@ -53,10 +53,11 @@ static int64_t find_change(int64_t before, int64_t after)
 void crash_wall_clock_init(int64_t now)
 {
     tzset();
-    const int64_t start = now > START_OF_2020 ? now : START_OF_2020;
+    const int64_t start = now > 0 ? now : 0;
+    const int64_t end = (now > START_OF_2020 ? now : START_OF_2020) + YEARS_AHEAD;
     offset_count = 0;
     add_offset(start, offset_at(start));
-    for (int64_t time = start; time < start + YEARS_AHEAD; time += PROBE_STEP) {
+    for (int64_t time = start; time < end; time += PROBE_STEP) {
         const int64_t next = time + PROBE_STEP;
         if ((time_t)next != next) {
             return; // beyond what this system's clock can count

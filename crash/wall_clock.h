@@ -15,8 +15,8 @@ extern "C" {
 #define CRASH_TIME_SIZE 48
 
 /*
- * Reads the time zone's offsets for the next 20 years, counted from `now` (seconds since 1970) or
- * from 2020 where the clock is not set yet. Once, before other threads start.
+ * Reads the time zone's offsets from `now` (seconds since 1970) on, for 20 years; where the clock
+ * is not set yet, until 20 years after 2020. Once, before other threads start.
  */
 void crash_wall_clock_init(int64_t now);
 
