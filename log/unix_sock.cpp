@@ -106,6 +106,9 @@ int32_t unix_sock_open(const char *path, struct unix_sock *sock, int32_t daemon,
     if (named) {
         (void)unlink(name);
     }
+    if (daemon != 0) {
+        (void)unlink(path); // a link to `name`
+    }
     if (fd >= 0) {
         (void)close(fd);
     }

@@ -288,6 +288,9 @@ TEST(UnixSock, FailedOpensLeaveNothingBehind)
         << "named: a daemon must be there";
     EXPECT_EQ(read_file("/tmp/nobody"), "kept");
     EXPECT_EQ(sock.fd, -1);
+    ASSERT_EQ(symlink("/usr", "/tmp/to-a-directory"), 0);
+    EXPECT_EQ(unix_sock_open_daemon("/tmp/to-a-directory", &sock), -1);
+    EXPECT_FALSE(exists("/tmp/to-a-directory"));
     EXPECT_EQ(unix_sock_pending(&sock), 0);
     EXPECT_EQ(std::system("ls /tmp/uds-* 2>/dev/null"), 2 << 8);
     ASSERT_GE(unix_sock_open_client("/tmp/nobody", &sock, 0), 0) << "unnamed: it need not be";
