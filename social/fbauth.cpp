@@ -9,6 +9,7 @@ int32_t pelkin_analysis_fbauth_resp(const struct fbauth_attr *attrs, const char 
 {
     static const char opening[] = "{\"valid\":";
     static const char invalid[] = "false";
+    static const size_t shown_most = 32; // of a value: how long it is, the server alone decides
     if (attrs == nullptr || resp == nullptr) {
         PELKIN_LOG_ERROR("Attributes should NOT be NULL.");
         return -1;
@@ -26,7 +27,7 @@ int32_t pelkin_analysis_fbauth_resp(const struct fbauth_attr *attrs, const char 
         return -1;
     }
     // The whole value: cut to the width of the expected ones, "falsehood" would read as "false".
-    PELKIN_LOG_ERROR("The valid is %.*s", (int)length, value);
+    PELKIN_LOG_ERROR("The valid is %.*s", (int)(length < shown_most ? length : shown_most), value);
     if (length == sizeof invalid - 1 && memcmp(value, invalid, length) == 0) {
         (void)pelkin_del_sta_req(attrs->mac);
     }

@@ -195,6 +195,8 @@ TEST_F(StationManager, OnlyExactlyFalseRemovesTheStation)
         {R"({"valid": false})", 0, "The valid is  false"},
         {R"({"valid":falsehood})", 0, "The valid is falsehood"},
         {R"({"valid":fals)", 0, "The valid is fals"},
+        {R"({"valid":a long one, whose end is not to be logged})", 0,
+         "The valid is a long one, whose end is not to "},
         {R"({"valid":})", -1, "The valid is invalid"},
         {R"({"valid":)", -1, "The valid is invalid"},
         {R"({"error":1})", -1, "The response format is incorrect."},
