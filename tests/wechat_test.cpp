@@ -21,6 +21,7 @@
 #include "tests/support/requester.h"
 #include "tests/support/server.h"
 #include "wechat/access_token.h"
+#include "wechat/api_request.h"
 #include "wechat/follow_check.h"
 
 static std::atomic<int> allocations_left = INT_MAX;
@@ -131,7 +132,9 @@ struct WeChat : testing::Test {
     WeChat()
     {
         support::write_file("/etc/hosts", "127.0.0.1 localhost " + HOST + "\n");
-        pelkin_ctx = pelkin_create_ctx();
+        SSL_CTX *context = pelkin_create_ctx();
+        wechat_use_context(context);
+        SSL_CTX_free(context);
         pelkin_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         tu_trace_level = 0; // nothing printed
         tu_pelkin_fltlog = 1;
@@ -144,7 +147,6 @@ struct WeChat : testing::Test {
             wechat_free_clients(account->clients);
             free(account);
         }
-        SSL_CTX_free(pelkin_ctx);
         (void)close(pelkin_sock);
     }
     // The last address bytes of what the station manager has been asked to delete.
@@ -223,6 +225,7 @@ TEST_F(WeChat, OldestIdleAccountsBeyondElevenGoAndBusyOnesStay)
     (void)check([](const std::string &) { return REFUSAL; });
     wechat_delete_idle_account();
     EXPECT_EQ(appids(), "14 13 12 11 10 9 8 7 6 5 4 3 0 ") << "of thirteen idle ones 1 and 2 gone";
+    EXPECT_EQ(std::string(tu_tmpbuf).rfind("to delete idle appid(1,", 0), 0u) << tu_tmpbuf;
 }
 
 TEST(WeChatToken, ExpiryNeitherOverflowsNorRoundsUp)

@@ -11,6 +11,15 @@ static const char API_HOST[] = PELKIN_WECHAT_API_HOST;
 static_assert(sizeof API_HOST > 1 && sizeof API_HOST <= HTTP_TASK_HOST_SIZE,
               "PELKIN_WECHAT_API_HOST has 1 to 127 characters");
 
+static SSL_CTX *context;
+
+void wechat_use_context(SSL_CTX *tls_context)
+{
+    (void)SSL_CTX_up_ref(tls_context);
+    SSL_CTX_free(context);
+    context = tls_context;
+}
+
 void wechat_prepare_task(struct http_task *task, uint32_t http_req_type)
 {
     // The data is read as text: what an earlier request left behind its new end is never seen.
@@ -52,7 +61,7 @@ int32_t wechat_send_recv(const struct http_task *task, char *buf, int32_t buf_si
     *out_len = 0;
     SSL *tls = nullptr;
     if (task->is_https != 0) {
-        tls = pelkin_create_ssl(pelkin_ctx);
+        tls = pelkin_create_ssl(context);
         if (tls == nullptr) {
             PELKIN_LOG_ERROR("create ssl fail.");
             return -1;

@@ -5,6 +5,7 @@
 #ifndef PELKIN_WECHAT_API_REQUEST_H
 #define PELKIN_WECHAT_API_REQUEST_H
 
+#include <openssl/ssl.h>
 #include <stdint.h>
 
 #include "core/http_task.h"
@@ -18,6 +19,13 @@ extern "C" {
  * empty, everything else is as in a zeroed task.
  */
 void wechat_prepare_task(struct http_task *task, uint32_t http_req_type);
+
+/*
+ * Makes `tls_context` the one of all requests and takes a reference to it, which only another call
+ * gives back: the thread outlives the shutdown, which gives the daemon's own up and clears its
+ * pointer. Before the thread starts.
+ */
+void wechat_use_context(SSL_CTX *tls_context);
 
 /*
  * Carries out the task over a new connection and closes it. 0: `buf` (of `buf_size` bytes) holds

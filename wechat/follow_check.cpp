@@ -10,6 +10,7 @@
 #include "platform/thread_start.h"
 #include "pool/minute_clock.h"
 #include "wechat/access_token.h"
+#include "wechat/api_request.h"
 #include "wechat/batch_query.h"
 
 static bool is_token_expired(const TO_CHECK_ACCOUNT *account, int32_t now)
@@ -102,8 +103,7 @@ void *wechat_thread(void *)
 
 int32_t wechat_init(void)
 {
-    // The thread outlives the shutdown, which gives the daemon's own reference up.
-    (void)SSL_CTX_up_ref(pelkin_ctx);
+    wechat_use_context(pelkin_ctx);
     pthread_t thread; // ends with the process: neither joined nor detached
     if (start_thread(&thread, wechat_thread, nullptr) != 0) {
         PELKIN_LOG_ERROR("cannot start wechat thread.");

@@ -219,10 +219,12 @@ void wechat_free_clients(TO_CHECK_CLIENT *clients)
     }
 }
 
-// Unlinks the idle accounts that do not stay and returns them as a chain of their own.
+// Unlinks the idle accounts that do not stay and returns them as a chain of their own, in the same
+// order.
 static TO_CHECK_ACCOUNT *detach_idle_accounts(void)
 {
     TO_CHECK_ACCOUNT *detached = nullptr;
+    TO_CHECK_ACCOUNT **end = &detached;
     int32_t kept = 0;
     TO_CHECK_ACCOUNT **link = &wechat_account_chain;
     while (*link != nullptr) {
@@ -232,8 +234,9 @@ static TO_CHECK_ACCOUNT *detach_idle_accounts(void)
             link = &account->next;
         } else {
             *link = account->next;
-            account->next = detached;
-            detached = account;
+            account->next = nullptr;
+            *end = account;
+            end = &account->next;
         }
     }
     return detached;
