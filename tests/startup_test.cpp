@@ -110,6 +110,15 @@ TEST_F(StartUpSteps, FailedStepIsTheLastOneUnlessItIsThePidFile)
     EXPECT_TRUE(reaches_main_loop(daemon, log));
 }
 
+// Other programs look them up in it, and nothing in it refers to them.
+TEST(Binary, OffersTheNamesOfTheLevels)
+{
+    EXPECT_EQ(
+        std::system("nm -D --defined-only \"$PELKIN\" | grep -cE ' (tu_(priority|facility)names|"
+                    "tu_flowlevel|vesk_syslog_(en|de)code)$' | grep -qx 5"),
+        0);
+}
+
 // Children and a sanitizer's own threads are made by the same call, so each of its first ones fails
 // in turn.
 TEST_F(StartUpSteps, EachThread)
