@@ -40,8 +40,10 @@ struct smart_tty_ctrl {
     uint32_t status; /* 1 enabled, 0 disabled; read by every printing thread, see smart_tty.cpp */
 };
 
-/* One datagram to the service: this header and `n` bytes of text, 1 to SMART_TTY_TEXT_MAX, no NUL.
- * Host byte order. */
+/*
+ * One datagram to the service: this header and `n` bytes of text without a NUL, 1 to
+ * SMART_TTY_TEXT_MAX; a longer text is cut to that length and a NUL. Host byte order.
+ */
 struct smart_tty_msg {
     char process[SMART_TTY_NAME_SIZE]; /* at most 31 characters, the rest zero */
     uint32_t model;
