@@ -3,6 +3,7 @@
 // bits), the sender's address (length in 8 bits, bytes), the datagram (length in 16 bits, bytes).
 // No thread runs: the harness takes the tasks off the pipes itself.
 #include <algorithm>
+#include <limits.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@ enum happening {
     SWITCH_IS_ON = 2,      // token verifications are to be ignored
     WORKERS_HAVE_GONE = 4, // all pipes have lost their read ends
     KNOWN_ID = 8,          // the id is taken from the table, by the two bits above this one
+    TASKS_WAITED = 64,     // with WORKERS_HAVE_GONE: the pipes were full
 };
 static const uint32_t known_ids[] = {PELKIN_MSG_FBAUTH_REQ, PELKIN_MSG_REAUTH_REQ,
                                      PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, KIVREN_MSG_DEL_STA_RESP};
@@ -55,6 +57,18 @@ static void end_workers(void)
         (void)close(worker.fd);
     }
     workers.clear();
+}
+
+// No task is left room that is not written as one piece anyway.
+static void fill_pipes(void)
+{
+    static struct http_task task;
+    task.dataLen = PIPE_BUF;
+    for (const THREAD_RECORD *record = pelkin_thread_list; record != nullptr;
+         record = record->next) {
+        while (pelkin_send_task(record->pipe_fd[1], &task) == 0) {
+        }
+    }
 }
 
 // All tasks that wait must be the expected one, once; null: none may.
@@ -145,6 +159,9 @@ static void feed_next(struct input *input, wechat_model *model)
     }
     ignore_fb_token_verification = (happens & SWITCH_IS_ON) != 0 ? 1 : 0;
     if ((happens & WORKERS_HAVE_GONE) != 0) {
+        if ((happens & TASKS_WAITED) != 0) {
+            fill_pipes();
+        }
         end_workers();
     }
     feed(datagram, &sender, model);
