@@ -1,7 +1,7 @@
 /*
  * Faults that no system call shows, for the running daemon under LD_PRELOAD (scripts/faults): the
- * n-th memory allocation fails, the wall clock jumps. They are steered through a file that is mapped
- * from the path in PELKIN_FAULT_CONTROL, four 32-bit integers in host byte order:
+ * n-th memory allocation fails, the wall clock jumps. They are steered through a file that is
+ * mapped from the path in PELKIN_FAULT_CONTROL, four 32-bit integers in host byte order:
  *
  *   0  first allocation that fails, counted from 1; 0: none does
  *   4  how many fail from there on
