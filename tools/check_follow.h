@@ -2,7 +2,6 @@
 #ifndef PELKIN_TOOLS_CHECK_FOLLOW_H
 #define PELKIN_TOOLS_CHECK_FOLLOW_H
 
-#include <optional>
 #include <string>
 
 #include "tools/http_command.h"

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <functional>
+#include <iostream>
 #include <memory>
 #include <string>
 
@@ -335,7 +336,12 @@ int run_command_line(int argc, char **argv)
             say("'%s' is no command or option; see 'pelkinctl --help'", app.remaining()[0].c_str());
             return STATUS_USAGE;
         }
-        return app.exit(end) == 0 ? STATUS_DONE : STATUS_USAGE;
+        const bool asked_for = app.exit(end) == 0;
+        if (!std::cout.flush()) {
+            say("cannot write to standard output");
+            return STATUS_USAGE;
+        }
+        return asked_for ? STATUS_DONE : STATUS_USAGE;
     }
     return chosen();
 }

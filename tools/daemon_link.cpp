@@ -31,7 +31,8 @@ static int milliseconds_left(deadline until)
     return left.count() < INT_MAX ? (int)left.count() : INT_MAX;
 }
 
-bool wait_ready(int fd, short events, deadline until)
+// False when the deadline has passed.
+static bool wait_ready(int fd, short events, deadline until)
 {
     pollfd watched = {.fd = fd, .events = events, .revents = 0};
     int ready = 0;
@@ -44,8 +45,7 @@ bool wait_ready(int fd, short events, deadline until)
 static void say_unreachable(const std::string &path, int error)
 {
     if (error == EACCES || error == EPERM) {
-        say("no permission to use %s: run as root, or as a member of the socket's group",
-            path.c_str());
+        say("no permission to use %s: run as root, or as a user who may write to it", path.c_str());
     } else {
         say("cannot reach pelkin at %s: %s. Is pelkin running? Start it (systemctl start pelkin), "
             "then ask again",
@@ -73,8 +73,10 @@ int open_link(const std::string &path)
         return -1;
     }
     if (connect_to(fd, path) != 0) {
-        say_unreachable(path, errno);
+        const int error = errno;
+        say_unreachable(path, error);
         (void)close(fd);
+        errno = error;
         return -1;
     }
     return fd;

@@ -15,10 +15,8 @@ using deadline = std::chrono::steady_clock::time_point;
 /* The moment `seconds` from now. */
 deadline deadline_in(double seconds);
 
-/* Waits until `fd` is ready for `events` of poll(). False when the deadline has passed. */
-bool wait_ready(int fd, short events, deadline until);
-
-/* The descriptor of a link to the socket `path`, or -1, said, with what to do next. */
+/* The descriptor of a link to the socket `path`, or -1, said, with what to do next; errno is set.
+ */
 int open_link(const std::string &path);
 
 /*

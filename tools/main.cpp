@@ -7,12 +7,13 @@
 #include "tools/output.h"
 #include "tools/own_socket.h"
 
-// A standard descriptor that came closed must not become the number of a socket.
+// A standard descriptor that came closed must not become the number of a socket, nor take an
+// answer: what stands for it cannot be written to.
 static void keep_standard_descriptors()
 {
     int fd = 0;
     do {
-        fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+        fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
         (void)close(fd);

@@ -33,6 +33,11 @@ bool write_out(std::string_view bytes)
     return true;
 }
 
+static bool output_is_terminal()
+{
+    return isatty(STDOUT_FILENO) == 1;
+}
+
 bool write_answer(std::string_view answer)
 {
     if (!output_is_terminal()) {
@@ -43,11 +48,6 @@ bool write_answer(std::string_view answer)
         text += '\n';
     }
     return write_out(text);
-}
-
-bool output_is_terminal()
-{
-    return isatty(STDOUT_FILENO) == 1;
 }
 
 bool output_is_coloured()

@@ -16,8 +16,7 @@ bool write_out(std::string_view bytes);
 /* An answer from outside: as it is, but on a terminal printable and ended by a line break. */
 bool write_answer(std::string_view answer);
 
-/* Whether standard output is a terminal, and one that may be coloured (no-color.org). */
-bool output_is_terminal();
+/* Whether standard output is a terminal that may be coloured (no-color.org). */
 bool output_is_coloured();
 
 #endif

@@ -101,7 +101,7 @@ static std::string as_json(const daemon_status &seen)
     const bool alive = seen.probe.status == STATUS_DONE;
     return "{\"pid\":" + (found ? std::to_string(seen.process.pid) : "null") +
            ",\"problem\":" + (found ? "null" : json_text(seen.process.problem)) +
-           ",\"alive\":" + json_bool(alive) +
+           ",\"alive\":" + json_alive(seen.probe) +
            ",\"answer_ms\":" + (alive ? milliseconds(seen.probe) : "null") +
            ",\"level_file\":" + json_number(seen.level) +
            ",\"ignore_verification\":" + json_bool(seen.verification_ignored) +
@@ -139,8 +139,9 @@ static std::string as_text(const daemon_status &seen)
 {
     const bool alive = seen.probe.status == STATUS_DONE;
     const std::string pid = seen.process.pid != 0 ? std::to_string(seen.process.pid) : "none";
+    const char *const unanswered = seen.probe.not_allowed ? "not known" : "no answer";
     const std::string liveness =
-        alive ? "alive, answered in " + milliseconds(seen.probe) + " ms" : "no answer";
+        alive ? "alive, answered in " + milliseconds(seen.probe) + " ms" : unanswered;
     return "pid                  " + pid + "\n" +                                           //
            "liveness             " + liveness + "\n" +                                      //
            "trace level file     " + level_file_text(seen) + "\n" +                         //

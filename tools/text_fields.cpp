@@ -129,6 +129,10 @@ bool read_lines(const std::string &path, std::vector<numbered_line> *lines)
         if (!line.empty() && line.back() == '\r') {
             line.pop_back();
         }
+        if (line.find('\0') != std::string::npos) { // the daemon would read no further
+            say("%s, line %zu: a NUL in it", path.c_str(), number);
+            return false;
+        }
         if (!line.empty() && line[0] != '#') {
             lines->push_back({number, line});
         }
