@@ -118,17 +118,20 @@ static int32_t hand_over(const struct http_task *task)
             record->last_used_time = pelkin_cur_minute();
             return 0;
         }
-        if (error != EPIPE || is_new) {
-            if (slot_taken) {
-                pelkin_return_task_slot(record->sem_id);
-            }
-            PELKIN_LOG_ERROR("failed to send task to thread. msg_id:%0x", task->msg_id);
-            return 0;
+        if (error == EPIPE && !is_new) {
+            PELKIN_LOG_ERROR("failed to send task to thread. msg_id:%0x, thread should exit "
+                             "already, del it then retry.",
+                             task->msg_id);
+            (void)pelkin_del_one_thread_record(record, &pelkin_thread_list);
+            continue;
         }
-        PELKIN_LOG_ERROR("failed to send task to thread. msg_id:%0x, thread should exit already, "
-                         "del it then retry.",
-                         task->msg_id);
-        (void)pelkin_del_one_thread_record(record, &pelkin_thread_list);
+        if (error == EPIPE) {
+            (void)pelkin_del_one_thread_record(record, &pelkin_thread_list);
+        } else if (slot_taken) {
+            pelkin_return_task_slot(record->sem_id);
+        }
+        PELKIN_LOG_ERROR("failed to send task to thread. msg_id:%0x", task->msg_id);
+        return 0;
     }
 }
 

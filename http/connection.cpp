@@ -56,6 +56,11 @@ SSL_CTX *pelkin_create_ctx(void)
     // series that the device was built with; newer ones ask to be told.
     SSL_CTX_set_options(context, SSL_OP_ALL | SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 |
                                      SSL_OP_LEGACY_SERVER_CONNECT);
+#ifdef SSL_OP_NO_RENEGOTIATION
+    // A server that asks for it is told no. Begun between two requests it would not be finished,
+    // and the object could be used for no other connection then.
+    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
+#endif
     // Explicit, because the system's own configuration may ask for more than an old server can
     // give.
     SSL_CTX_set_security_level(context, 0);

@@ -43,7 +43,8 @@ int32_t pelkin_send_to_file(const char *path, const char *buffer, size_t length)
     if (make_directory_of(path) != 0) {
         return -1;
     }
-    const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0007);
+    // A pipe without a reader, or one that is full, must not hold the worker.
+    const int fd = open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0007);
     if (fd < 0) {
         PELKIN_LOG_ERROR("open file %s fail.", path);
         return -1;

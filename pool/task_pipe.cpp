@@ -78,14 +78,15 @@ static void log_send_error(int error)
     }
 }
 
-int32_t send_data(int32_t fd, const void *buffer, size_t length)
+// `*done`: the bytes that were written.
+static int32_t write_all(int32_t fd, const void *buffer, size_t length, size_t *done)
 {
     const uint8_t *bytes = (const uint8_t *)buffer;
     uint32_t interrupted = 0;
-    for (size_t done = 0; done < length;) {
-        const ssize_t written = write(fd, bytes + done, length - done);
+    for (*done = 0; *done < length;) {
+        const ssize_t written = write(fd, bytes + *done, length - *done);
         if (written >= 0) {
-            done += (size_t)written;
+            *done += (size_t)written;
         } else if (errno == EINTR) {
             retry_pause(&interrupted);
         } else {
@@ -97,6 +98,12 @@ int32_t send_data(int32_t fd, const void *buffer, size_t length)
     return 0;
 }
 
+int32_t send_data(int32_t fd, const void *buffer, size_t length)
+{
+    size_t done = 0;
+    return write_all(fd, buffer, length, &done);
+}
+
 int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
 {
     const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
@@ -105,7 +112,11 @@ int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
         log_send_error(error);
         return error;
     }
-    return send_data(write_end, task, length);
+    // The kernel may run out of pages in the middle. The worker then waits for the rest of a task
+    // that will never come, and must read the stream's end instead of the next task.
+    size_t done = 0;
+    const int32_t error = write_all(write_end, task, length, &done);
+    return error != 0 && done > 0 ? EPIPE : error;
 }
 
 int32_t read_data(int32_t fd, void *buffer, size_t length)

@@ -27,7 +27,8 @@ int32_t pelkin_open_task_pipe(int32_t pipe_fd[2]);
 
 /*
  * Writes a task whole or not at all. 0, or the errno value that stopped it: EAGAIN when the pipe
- * may lack the room, EPIPE when the worker has gone (logged). Main thread; never blocks.
+ * may lack the room, EPIPE when it is of no use any more, because the worker has gone or memory ran
+ * short in the middle of the task (logged). Main thread; never blocks.
  */
 int32_t pelkin_send_task(int32_t write_end, const struct http_task *task);
 

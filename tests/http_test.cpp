@@ -306,6 +306,24 @@ TEST_F(Http, OldAndNewServersAreAcceptedAndNeverResumed)
     }
 }
 
+TEST_F(Http, ServersThatAskForARenegotiationAreServedOn)
+{
+    Server server({.tls = true, .highest_version = TLS1_2_VERSION}, [](Connection &connection) {
+        for (int i = 0; i < 2; i++) {
+            (void)connection.send(answer(body_of(connection.read_request())));
+            connection.wait_until_read();
+            (void)SSL_renegotiate(connection.tls);
+            (void)SSL_do_handshake(connection.tls); // sends the wish and does not wait
+        }
+    });
+    Client client(true, "127.0.0.1");
+    ASSERT_EQ(client.connect(), 0);
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(client.exchange(std::to_string(i)), 0);
+        EXPECT_EQ(client.response, std::to_string(i));
+    }
+}
+
 TEST_F(Http, DescriptorBeyondASelectSetIsWaitedForAsAnyOther)
 {
     const struct rlimit many = {.rlim_cur = 2048, .rlim_max = 4096};

@@ -25,6 +25,30 @@
 
 using namespace support;
 
+// Linked in place of the C library's (-Wl,--wrap): when armed, a write is taken in part only, and
+// the next one meets a lack of memory.
+static enum { WRITE_WHOLE, WRITE_A_PART, FIND_NO_MEMORY } next_write;
+
+extern "C" {
+
+ssize_t __real_write(int fd, const void *bytes, size_t size);
+
+ssize_t __wrap_write(int fd, const void *bytes, size_t size)
+{
+    if (next_write == FIND_NO_MEMORY) {
+        next_write = WRITE_WHOLE;
+        errno = ENOMEM;
+        return -1;
+    }
+    if (next_write == WRITE_A_PART) {
+        next_write = FIND_NO_MEMORY;
+        size = 4096;
+    }
+    return __real_write(fd, bytes, size);
+}
+
+} // extern "C"
+
 namespace
 {
 
@@ -184,6 +208,17 @@ TEST_F(TaskPipe, EndedReaderIsReportedAndNotDeadly)
     }
 }
 
+TEST_F(TaskPipe, HalfATaskEndsTheStream)
+{
+    open_pipe(65536);
+    fill(sent.get(), 1, 20000);
+    next_write = WRITE_A_PART;
+    EXPECT_EQ(pelkin_send_task(ends[1], sent.get()), EPIPE);
+    (void)close(ends[1]); // as the deletion of the worker's record does
+    ends[1] = -1;
+    EXPECT_EQ(pelkin_rcv_task(ends[0], got.get()), 0);
+}
+
 namespace
 {
 
@@ -328,6 +363,8 @@ TEST(AnswerFile, DirectoryModeAndOldBytes)
     EXPECT_EQ(pelkin_send_to_file("", "x", 1), -1);
     EXPECT_EQ(pelkin_send_to_file("/tmp/made", "x", 1), -1) << "a directory";
     EXPECT_EQ(pelkin_send_to_file("/dev/full", "x", 1), -1) << "no room";
+    ASSERT_EQ(mkfifo("/tmp/made/pipe", 0600), 0);
+    EXPECT_EQ(pelkin_send_to_file("/tmp/made/pipe", "x", 1), -1) << "nobody reads it";
     EXPECT_EQ(pelkin_send_to_file("/tmp/made/answer/below", "x", 1), -1);
     (void)mkdir("/tmp/small", 0755);
     ASSERT_EQ(mount("none", "/tmp/small", "tmpfs", 0, "size=8k"), 0);
