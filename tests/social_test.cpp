@@ -191,7 +191,6 @@ TEST_F(StationManager, OnlyExactlyFalseRemovesTheStation)
     const std::tuple<const char *, int32_t, const char *> cases[] = {
         {R"({"valid":true})", 0, "The valid is true"},
         {R"({"valid":False})", 0, "The valid is False"},
-        {R"({"valid":0})", 0, "The valid is 0"},
         {R"({"valid": false})", 0, "The valid is  false"},
         {R"({"valid":falsehood})", 0, "The valid is falsehood"},
         {R"({"valid":fals)", 0, "The valid is fals"},
@@ -203,10 +202,6 @@ TEST_F(StationManager, OnlyExactlyFalseRemovesTheStation)
         {R"({ "valid":false})", -1, "The response format is incorrect."},
         {"", -1, "The response format is incorrect."},
         {R"({"valid":false})", 0, asks},
-        {" \n"
-         R"({"a":1,"b":{"valid":false}})",
-         0, asks},
-        {R"({"valid":false}{"valid":true})", 0, asks},
         {R"({"valid":false)", 0, asks}};
     for (const auto &[answer, result, said] : cases) {
         EXPECT_EQ(pelkin_analysis_fbauth_resp(&TOKEN, answer), result) << answer;
