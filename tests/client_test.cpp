@@ -20,6 +20,7 @@
 #include "wechat/wechat_msg.h"
 
 using namespace support;
+using std::filesystem::exists;
 using Arguments = std::vector<std::string>;
 
 static const std::string MAC = "02:00:00:00:00:01";
@@ -83,21 +84,6 @@ static std::string reply_socket()
         }
     }
     return "";
-}
-
-static bool exists(const std::string &path)
-{
-    return access(path.c_str(), F_OK) == 0;
-}
-
-static bool contains(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
-}
-
-template <typename Record> static std::string bytes_of(const Record &record, size_t size)
-{
-    return {(const char *)&record, size};
 }
 
 TEST(Client, RequestsCarryWhatTheArgumentsSay)

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/select.h>
@@ -22,6 +23,7 @@
 #include "tests/support/log_sink.h"
 
 using namespace support;
+using std::filesystem::exists;
 
 static const char CALLS[] = "/tmp/ttylog.calls";
 
@@ -40,11 +42,6 @@ static uint32_t word_at(const std::string &bytes, size_t offset)
     uint32_t word = 0;
     std::memcpy(&word, bytes.data() + offset, sizeof word);
     return word;
-}
-
-static bool exists(const std::string &path)
-{
-    return access(path.c_str(), F_OK) == 0;
 }
 
 struct LogChannel : testing::Test {

@@ -28,13 +28,7 @@ std::string check_follow(const std::string &appid, int number)
     request.mac[5] = (uint8_t)number;
     std::to_string(number).copy(request.openid, sizeof request.openid);
     appid.copy(request.appid, sizeof request.appid);
-    return support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ,
-                            std::string((const char *)&request, sizeof request));
-}
-
-bool holds(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
+    return support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, support::bytes_of(request));
 }
 
 // The API's server, and anything else that is asked of its host. Client 0 of an account has not
@@ -44,23 +38,23 @@ struct Api {
     {
         const std::string request = connection.read_request();
         std::string body = "pong";
-        if (holds(request, "/cgi-bin/token?")) {
+        if (support::contains(request, "/cgi-bin/token?")) {
             const size_t at = request.find("appid=") + 6;
             body = R"({"access_token":"for-)" + request.substr(at, request.find('&', at) - at) +
                    R"(","expires_in":7200})";
-        } else if (holds(request, "/batchget?")) {
+        } else if (support::contains(request, "/batchget?")) {
             const size_t before = asked;
             for (size_t at = request.find("{\"openid\""); at != std::string::npos;
                  at = request.find("{\"openid\"", at + 1)) {
                 asked++;
             }
             body = R"({"user_info_list":[{"subscribe":0,"openid":"0"}]})";
-            if (holds(request, "for-silent") && asked - before < 100) {
+            if (support::contains(request, "for-silent") && asked - before < 100) {
                 silent_connections++;
                 (void)connection.wait_for_close();
                 return;
             }
-            last_asked = last_asked || holds(request, "for-last");
+            last_asked = last_asked || support::contains(request, "for-last");
         }
         if (connection.send(support::answer(body))) {
             (void)connection.wait_for_close();

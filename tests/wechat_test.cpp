@@ -63,9 +63,8 @@ int32_t send_in(int number, const std::string &appid = "app", const std::string 
     appid.copy(request.appid, sizeof request.appid);
     secret.copy(request.appsecret, sizeof request.appsecret);
     request.delay = delay;
-    const std::string message =
-        support::message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ,
-                         std::string((const char *)&request, sizeof request - missing));
+    const std::string message = support::message(
+        PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, support::bytes_of(request, sizeof request - missing));
     return wechat_req_msg_proc(message.data(), nullptr, 0);
 }
 

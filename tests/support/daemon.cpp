@@ -3,8 +3,8 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
 #include <sys/sem.h>
@@ -81,17 +81,17 @@ int Daemon::wait_for_end(int seconds)
 }
 
 // Of a line of the table, the second word is the id.
-static void remove_semaphore_sets()
+static std::vector<int> semaphore_sets()
 {
+    std::vector<int> ids;
     std::istringstream table(read_file("/proc/sysvipc/sem"));
     std::string line;
     (void)std::getline(table, line); // a heading
     while (std::getline(table, line)) {
         int key = 0;
-        int id = 0;
-        std::istringstream(line) >> key >> id;
-        (void)semctl(id, 0, IPC_RMID);
+        std::istringstream(line) >> key >> ids.emplace_back();
     }
+    return ids;
 }
 
 void Daemon::kill_now()
@@ -101,7 +101,9 @@ void Daemon::kill_now()
         (void)kill(pid, SIGKILL);
         (void)waitpid(pid, &status, 0);
         ended = true;
-        remove_semaphore_sets();
+        for (const int id : semaphore_sets()) {
+            (void)semctl(id, 0, IPC_RMID);
+        }
     }
 }
 
@@ -142,18 +144,12 @@ bool is_served(const std::string &path)
     return served;
 }
 
+// None when the process has gone.
 static size_t count_entries(const std::string &directory)
 {
-    size_t entries = 0;
-    DIR *opened = opendir(directory.c_str());
-    if (opened == nullptr) {
-        return 0;
-    }
-    while (const dirent *entry = readdir(opened)) {
-        entries += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    (void)closedir(opened);
-    return entries;
+    std::error_code error;
+    const std::filesystem::directory_iterator first(directory, error);
+    return (size_t)std::distance(first, std::filesystem::directory_iterator());
 }
 
 size_t count_descriptors(pid_t pid)
@@ -177,13 +173,7 @@ size_t resident_kib(pid_t pid)
 
 size_t count_semaphore_sets()
 {
-    std::istringstream table(read_file("/proc/sysvipc/sem"));
-    std::string line;
-    size_t lines = 0;
-    while (std::getline(table, line)) {
-        lines++;
-    }
-    return lines > 0 ? lines - 1 : 0; // a heading
+    return semaphore_sets().size();
 }
 
 bool is_sanitized()

@@ -68,7 +68,7 @@ DatagramReader::~DatagramReader()
 }
 
 DatagramSink::DatagramSink(const std::string &path)
-    : bound_path(path), reader(path, [this](std::string_view bytes) {
+    : reader(path, [this](std::string_view bytes) {
           const std::lock_guard<std::mutex> lock(guard);
           received.emplace_back(bytes);
       })
@@ -90,9 +90,8 @@ void DatagramSink::clear()
 size_t DatagramSink::count(const std::string &text)
 {
     const std::lock_guard<std::mutex> lock(guard);
-    return (size_t)std::count_if(received.begin(), received.end(), [&](const std::string &one) {
-        return one.find(text) != std::string::npos;
-    });
+    return (size_t)std::count_if(received.begin(), received.end(),
+                                 [&](const std::string &one) { return contains(one, text); });
 }
 
 bool DatagramSink::wait_for(const std::string &text, size_t times, int seconds)

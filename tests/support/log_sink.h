@@ -42,7 +42,6 @@ struct DatagramSink {
     /* Waits for at least `times` such datagrams. */
     bool wait_for(const std::string &text, size_t times = 1, int seconds = DEADLINE_S);
 
-    std::string bound_path;
     std::mutex guard; // of `received`
     std::vector<std::string> received;
     DatagramReader reader; // last: its thread uses the others

@@ -17,7 +17,7 @@ std::string message(uint32_t msg_id, const std::string &payload)
                                 .reserved2 = 0,
                                 .msg_id = msg_id,
                                 .len = (uint32_t)payload.size()};
-    return std::string((const char *)&header, sizeof header) + payload;
+    return bytes_of(header) + payload;
 }
 
 std::string datagram(const Request &request)
@@ -33,8 +33,8 @@ std::string datagram(const Request &request)
     record.http_req_type = request.http_req_type;
     request.url.copy(record.url, sizeof record.url);
     request.file_path.copy(record.file_path, sizeof record.file_path);
-    record.len = request.data_len.value_or((uint32_t)data.size());
-    return message(request.msg_id, std::string((const char *)&record, sizeof record) + data);
+    record.len = (uint32_t)data.size();
+    return message(request.msg_id, bytes_of(record) + data);
 }
 
 static sockaddr_un unix_address(const std::string &path)

@@ -24,9 +24,13 @@ struct Request {
     std::string file_path = "";
     std::string address = std::string("\x02\x00\x00\x00\x00\x01", PELKIN_MAC_SIZE);
     std::optional<std::string> data = std::nullopt; // instead of `address`, `text` and a NUL
-    std::optional<uint32_t> data_len =
-        std::nullopt; // instead of the true one in `len` of the record
 };
+
+/* The first `size` bytes of a record. */
+template <typename Record> std::string bytes_of(const Record &record, size_t size = sizeof(Record))
+{
+    return {(const char *)&record, size};
+}
 
 /* An enveloped message, and the datagram of a request. */
 std::string message(uint32_t msg_id, const std::string &payload);

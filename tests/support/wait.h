@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace support
 {
@@ -18,6 +19,8 @@ bool wait_until(const std::function<bool()> &condition, int seconds = DEADLINE_S
 
 /* The seed of this run: PELKIN_TEST_SEED of the environment, else a fresh one. Printed once. */
 uint32_t seed();
+
+bool contains(std::string_view text, std::string_view part);
 
 /* A whole file, or "" when it cannot be read. */
 std::string read_file(const std::string &path);
