@@ -147,9 +147,13 @@ bool is_served(const std::string &path)
 // None when the process has gone.
 static size_t count_entries(const std::string &directory)
 {
-    std::error_code error;
-    const std::filesystem::directory_iterator first(directory, error);
-    return (size_t)std::distance(first, std::filesystem::directory_iterator());
+    std::error_code error; // the process may go in the middle
+    size_t entries = 0;
+    std::filesystem::directory_iterator entry(directory, error);
+    for (; entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        entries++;
+    }
+    return entries;
 }
 
 size_t count_descriptors(pid_t pid)
