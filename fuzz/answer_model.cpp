@@ -7,6 +7,7 @@
 #include "fuzz/number_model.h"
 
 static const std::string_view blank_line = "\r\n\r\n";
+static const std::string_view key = "Content-Length: ";
 
 // What a reader of text sees of the bytes.
 static std::string_view up_to_nul(std::string_view bytes)
@@ -17,7 +18,6 @@ static std::string_view up_to_nul(std::string_view bytes)
 // The number behind the key; -1 for none or a negative one.
 static int64_t announced_length(std::string_view text)
 {
-    static const std::string_view key = "Content-Length: ";
     const size_t at = text.find(key);
     int64_t number = -1;
     if (at == std::string_view::npos || !model_number(text.substr(at + key.size()), &number)) {
@@ -41,11 +41,23 @@ static int64_t announced_end(std::string_view arrived)
     return length < 0 ? -1 : (int64_t)head + length;
 }
 
+// The number stands behind the blank line, so that it counts as far as it came together with that.
+// A negative one counts as none, unless its beginning is -0.
 static bool may_depend_on_cut(std::string_view arrived)
 {
     const std::string_view text = up_to_nul(arrived);
     const size_t head = head_length(text);
-    return head != 0 && announced_length(text.substr(0, head)) != announced_length(text);
+    const size_t at = text.find(key);
+    if (head == 0 || at == std::string_view::npos) {
+        return false;
+    }
+    const size_t start = text.find_first_not_of(" \t\n\v\f\r", at + key.size());
+    if (start == std::string_view::npos || start < head) {
+        return false;
+    }
+    const std::string_view number = text.substr(start);
+    int64_t value = -1;
+    return model_number(number, &value) && (number[0] != '-' || number[1] == '0');
 }
 
 static void cut_head(std::string_view arrived, model_answer *answer)
