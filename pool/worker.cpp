@@ -159,6 +159,10 @@ static void analyse(const struct worker *worker)
     } else if (worker->task.msg_id == PELKIN_MSG_REAUTH_REQ) {
         (void)pelkin_check_reauth_resp((const struct reauth_attr *)worker->data_copy,
                                        worker->response, worker->response_length);
+    } else if (worker->task.msg_id == PELKIN_MSG_FBAUTH_REQ &&
+               worker->task.dataLen < PELKIN_MAC_SIZE) {
+        // What did not come reads as zeros: with them it would be another station's address.
+        PELKIN_LOG_ERROR("fbauth request without a station, data length:%d", worker->task.dataLen);
     } else if (worker->task.msg_id == PELKIN_MSG_FBAUTH_REQ) {
         (void)pelkin_analysis_fbauth_resp((const struct fbauth_attr *)worker->data_copy,
                                           worker->response);

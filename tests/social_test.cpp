@@ -370,6 +370,19 @@ TEST_F(Verification, SwitchesActInTheMiddleOfTheLargestTraffic)
               (std::vector<std::string>{body, get, body, get, body, get, batch_body({"a", "b"})}));
 }
 
+TEST_F(Verification, RequestWithoutAWholeAddressRemovesNoStation)
+{
+    for (const size_t came : {0, 3, 5}) {
+        ASSERT_TRUE(module.send(Request{.url = "http://127.0.0.1/token",
+                                        .msg_id = PELKIN_MSG_FBAUTH_REQ,
+                                        .resp_method = PELKIN_RESP_ANALYSE,
+                                        .data = MAC.substr(0, came)}));
+        EXPECT_TRUE(log.wait_for("without a station, data length:" + std::to_string(came)));
+    }
+    send_both();
+    expect_both();
+}
+
 TEST_F(Verification, LostMessagesAreToldAndTheNextOnesArrive)
 {
     const std::string lost_report = "Failed to send reauth response.";
