@@ -329,7 +329,7 @@ static const std::pair<void (*)(), Texts> FAULTS[] = {
          memory_is_not_read = true;
          fault_null_write();
      },
-     {"#  1: ", "<fault_null_write+0x", "# Stack (0x", "):\n#  0x", "Signal # = 11\n"}},
+     {"#  1: ", "<fault_null_write+0x", "# Stack (0x", "\n#  0x", "Signal # = 11\n"}},
     {[] { (void)raise(SIGPIPE); }, {"Signal # = 13\n", "Cause code = -6 (Unknown)\n"}},
 };
 
