@@ -1,15 +1,14 @@
 /*
  * The messages that the device's daemons exchange with this one over Unix-domain datagram sockets:
- * the envelope, the message ids, the HTTP request, and the two operations that build an envelope
- * and send a message. Every message is one datagram; integers are in host byte order, all parties
- * being on one device. Records are laid out so that their C layout is the wire layout.
+ * the envelope, the message ids and the HTTP request. Every message is one datagram; integers are
+ * in host byte order, all parties being on one device. Records are laid out so that their C layout
+ * is the wire layout.
  */
 #ifndef PELKIN_CORE_IPC_MSG_H
 #define PELKIN_CORE_IPC_MSG_H
 
 #include <stddef.h>
 #include <stdint.h>
-#include <sys/socket.h>
 
 #include "core/wire_assert.h"
 
@@ -78,45 +77,6 @@ WIRE_SIZE(struct http_req_msg, 412);
 
 #define PELKIN_MAC_SIZE 6
 #define PELKIN_TEXT_MAX 1024
-
-/*
- * The request socket. Set by start-up before any other thread exists and closed by shutdown; only
- * the main thread receives on it, every thread may send on it. -1 while not open.
- */
-extern int32_t pelkin_sock;
-
-/*
- * Closes the request socket for good, once the sends that other threads have under way have ended
- * (2 seconds at most, the socket's send time-out); later ones fail. Main thread, at shutdown.
- */
-void pelkin_close_sock(void);
-
-/*
- * Writes an envelope with this daemon as the sender and `len` bytes of payload to come; returns
- * where the payload goes, buffer + 12. Any thread.
- */
-void *pelkin_fill_ipc_hdr(void *buffer, uint32_t msg_id, uint32_t len);
-
-/*
- * Sends an enveloped message (12 + its `len` bytes) from the request socket to the socket named
- * `peer_path`, at most 106 characters. 0, or -1 after the message "failed to send ipc msg."; there
- * is no retry. A peer that does not read holds the caller for at most 2 seconds. Any thread.
- */
-int32_t pelkin_send_ipc_msg(const char *peer_path, const void *message);
-
-/*
- * The length with which an address that was received can be sent to. The system reports a path of
- * 108 characters, for which the address has no NUL, one byte longer than the address is, and then
- * refuses that length (unix(7), BUGS). Any thread.
- */
-socklen_t pelkin_sendable_length(socklen_t reported);
-
-/*
- * Sends one datagram of `length` bytes from `sock` to `address`. 0, or -1 after the message
- * "failed to send ipc msg.". Any thread.
- */
-int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, const void *address,
-                              socklen_t address_length);
 
 #ifdef __cplusplus
 }

@@ -8,7 +8,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "core/intake.h"
+#include "core/daemon/intake.h"
 #include "core/switches.h"
 #include "fuzz/harness.h"
 #include "fuzz/task_model.h"

@@ -1,7 +1,7 @@
 // The level file, any bytes, against a saturating "%d" over the first 255 of them.
 #include <algorithm>
 
-#include "core/signals.h"
+#include "core/daemon/signals.h"
 #include "fuzz/harness.h"
 #include "fuzz/number_model.h"
 #include "fuzz/stand_in_files.h"

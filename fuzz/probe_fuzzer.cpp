@@ -8,8 +8,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "core/daemon/monitor.h"
 #include "core/ipc_msg.h"
-#include "core/monitor.h"
 #include "fuzz/harness.h"
 
 static const int DATAGRAMS_MAX = 16;

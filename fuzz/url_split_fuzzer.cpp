@@ -4,7 +4,7 @@
 #include <memory>
 #include <string.h>
 
-#include "core/intake.h"
+#include "core/daemon/intake.h"
 #include "fuzz/harness.h"
 #include "fuzz/task_model.h"
 #include "http/request.h"

@@ -1,10 +1,9 @@
 #include "http/answer_framing.h"
 
-#include <limits.h>
-#include <stdlib.h>
 #include <string.h>
 
 #include "log/log.h"
+#include "platform/read_number.h"
 
 int32_t pelkin_get_http_head_len(const char *text)
 {
@@ -33,14 +32,9 @@ int32_t pelkin_get_http_data_len(const char *text)
     if (found == nullptr) {
         return -1;
     }
-    const char *digits = found + sizeof key - 1;
-    char *end = nullptr;
-    long number = strtol(digits, &end, 10);
-    if (end == digits) {
-        return -1;
+    int32_t length = -1;
+    if (read_number(found + sizeof key - 1, &length) != nullptr) {
+        PELKIN_LOG_DEBUG("HTTP BODY length is %d", length);
     }
-    number = number < INT_MIN ? INT_MIN : number;
-    number = number > INT_MAX ? INT_MAX : number;
-    PELKIN_LOG_DEBUG("HTTP BODY length is %d", (int)number);
-    return (int32_t)number;
+    return length;
 }

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/poll_one.h"
 
 #if OPENSSL_VERSION_NUMBER < 0x10100000L
@@ -198,9 +199,7 @@ int32_t pelkin_connect_tcp_socket(int32_t sock, SSL *tls, const char *host, uint
     }
     if (connect(sock, (const struct sockaddr *)&server, sizeof server) != 0) {
         const int error = errno;
-        char text[128];
-        PELKIN_LOG_ERROR("connect fail. errno=%d, errmsg:%s", error,
-                         strerror_r(error, text, sizeof text));
+        PELKIN_LOG_ERROR("connect fail. errno=%d, errmsg:%s", error, error_text(error));
         return -1;
     }
     if (tls != nullptr && start_tls(sock, tls) != 0) {

@@ -10,6 +10,7 @@
 #include "http/connection.h"
 #include "http/request.h"
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/poll_one.h"
 #include "platform/retry_pause.h"
 
@@ -50,10 +51,7 @@ static enum read_event read_plain(int32_t sock, SSL *, char *to, int32_t room, i
         PELKIN_LOG_ERROR("socket closed.");
         return READ_ENDED;
     }
-    const int error = errno;
-    char text[ERROR_TEXT_SIZE];
-    PELKIN_LOG_ERROR("Socket Read error:%d, errmsg:%s", error,
-                     strerror_r(error, text, sizeof text));
+    PELKIN_LOG_ERROR("Socket Read error:%d, errmsg:%s", errno, error_text(errno));
     return READ_ENDED;
 }
 
@@ -206,10 +204,7 @@ int32_t pelkin_send_http_req(int32_t sock, const char *request, int32_t length,
         return -1;
     }
     if (send(sock, request, (size_t)length, 0) <= 0) {
-        const int error = errno;
-        char text[ERROR_TEXT_SIZE];
-        PELKIN_LOG_ERROR("Socket Write error:%d, errmsg:%s", error,
-                         strerror_r(error, text, sizeof text));
+        PELKIN_LOG_ERROR("Socket Write error:%d, errmsg:%s", errno, error_text(errno));
         return -1;
     }
     return 0;

@@ -10,6 +10,16 @@ uint32_t tu_event_level = 5;
 uint32_t tu_event_facility = 0x88;
 __thread char tu_tmpbuf[TU_TMPBUF_SIZE];
 
+void pelkin_set_trace_level(uint32_t level)
+{
+    __atomic_store_n(&tu_trace_level, level, __ATOMIC_RELAXED);
+}
+
+void pelkin_set_fltlog(uint32_t on)
+{
+    __atomic_store_n(&tu_pelkin_fltlog, on, __ATOMIC_RELAXED);
+}
+
 static const uint32_t DAEMON_MODEL = 1;
 
 void pelkin_log_statement(uint32_t base_level, const char *text, const char *line, ...)

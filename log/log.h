@@ -38,6 +38,10 @@ extern uint32_t tu_event_facility; /* for other modules; not read here */
 /* The filter-log copy of this thread's latest message, NUL-terminated. */
 extern __thread char tu_tmpbuf[TU_TMPBUF_SIZE];
 
+/* Set the trace level and the filter-log switch. Main thread. */
+void pelkin_set_trace_level(uint32_t level);
+void pelkin_set_fltlog(uint32_t on);
+
 /* The daemon's own control record; registered by log/ttylog_modules.h. */
 extern struct smart_tty_ctrl pelkin_ttylog_ctrl;
 
@@ -69,11 +73,11 @@ static inline int pelkin_log_copied(void)
 #ifdef __cplusplus
 }
 
-#define PELKIN_LOG_STATEMENT_(condition, base_level, text, ...)                                    \
+#define PELKIN_LOG_STATEMENT_(condition, base_level, speaker, text, ...)                           \
     do {                                                                                           \
         if (condition) {                                                                           \
             pelkin_log_statement(base_level, text, "%s():" text "\n",                              \
-                                 __func__ __VA_OPT__(, ) __VA_ARGS__);                             \
+                                 speaker __VA_OPT__(, ) __VA_ARGS__);                              \
         }                                                                                          \
     } while (0)
 
@@ -81,19 +85,27 @@ static inline int pelkin_log_copied(void)
     PELKIN_LOG_STATEMENT_(pelkin_log_copied() || pelkin_log_printed(base_level), base_level,       \
                           __VA_ARGS__)
 
-/* A message format (a literal) and its arguments. */
-#define PELKIN_LOG_ERROR(...) PELKIN_LOG_(TU_LEVEL_ERROR, __VA_ARGS__)
-#define PELKIN_LOG_WARNING(...) PELKIN_LOG_(TU_LEVEL_WARNING, __VA_ARGS__)
-#define PELKIN_LOG_NOTICE(...) PELKIN_LOG_(TU_LEVEL_NOTICE, __VA_ARGS__)
-#define PELKIN_LOG_INFO(...) PELKIN_LOG_(TU_LEVEL_INFO, __VA_ARGS__)
-#define PELKIN_LOG_DEBUG(...) PELKIN_LOG_(TU_LEVEL_DEBUG, __VA_ARGS__)
+/* A message format (a literal) and its arguments. The line names the function that it stands in. */
+#define PELKIN_LOG_ERROR(...) PELKIN_LOG_(TU_LEVEL_ERROR, __func__, __VA_ARGS__)
+#define PELKIN_LOG_WARNING(...) PELKIN_LOG_(TU_LEVEL_WARNING, __func__, __VA_ARGS__)
+#define PELKIN_LOG_NOTICE(...) PELKIN_LOG_(TU_LEVEL_NOTICE, __func__, __VA_ARGS__)
+#define PELKIN_LOG_INFO(...) PELKIN_LOG_(TU_LEVEL_INFO, __func__, __VA_ARGS__)
+#define PELKIN_LOG_DEBUG(...) PELKIN_LOG_(TU_LEVEL_DEBUG, __func__, __VA_ARGS__)
+
+/*
+ * For a statement in a helper: the line names the operation that the helper works for, which is
+ * what readers of the log know. `level` is a word of the above, `speaker` the operation's name:
+ * PELKIN_LOG_AS("pelkin_send_task", ERROR, "text %d", number).
+ */
+#define PELKIN_LOG_AS(speaker, level, ...) PELKIN_LOG_(TU_LEVEL_##level, speaker, __VA_ARGS__)
 
 /*
  * For a statement on the road of every request that is always followed by another one of the same
  * thread, with no wait in between: its filter-log copy would be replaced before anyone could look
  * at it, so it is not made. The line is printed as any other.
  */
-#define PELKIN_LOG_DEBUG_SUPERSEDED(...)                                                           \
-    PELKIN_LOG_STATEMENT_(pelkin_log_printed(TU_LEVEL_DEBUG), TU_LEVEL_DEBUG, __VA_ARGS__)
+#define PELKIN_LOG_DEBUG_SUPERSEDED(...) PELKIN_LOG_SUPERSEDED_AS(__func__, __VA_ARGS__)
+#define PELKIN_LOG_SUPERSEDED_AS(speaker, ...)                                                     \
+    PELKIN_LOG_STATEMENT_(pelkin_log_printed(TU_LEVEL_DEBUG), TU_LEVEL_DEBUG, speaker, __VA_ARGS__)
 #endif
 #endif

@@ -1,23 +1,22 @@
 /*
  * Printing and unregistering at the same time. A print uses three things of the record: status,
  * descriptor and process name. Unregistration must not close the descriptor (another thread could
- * get its number for a server's socket at once) or clear the name under a print. So every print
- * counts itself in `prints_under_way` before it looks at the status, and unregistration first sets
- * the status to 0 and then waits until the count is 0: a print that started before is waited for,
- * one that starts after sees the 0. Both sides use sequentially consistent operations, without
- * which each could miss the other's store. No lock, and a print never waits.
+ * get its number for a server's socket at once) or clear the name under a print, so it does so
+ * behind a gate that every print goes through: a print that started before is waited for, one that
+ * starts after sees a record that is disabled.
  */
 #include "log/smart_tty.h"
 
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include "platform/cut_text.h"
+#include "platform/gate.h"
 #include "platform/zel_system.h"
 
 static const size_t COMMAND_SIZE = 1024;
@@ -26,8 +25,8 @@ static const size_t DUMP_HEADING_LONGEST = 783;
 static const size_t DUMP_CHUNK = 768;
 static const size_t DUMP_LINE = 16;
 
-// Atomic: prints of any thread, see above.
-static uint32_t prints_under_way;
+// Of all records: a module has one, and prints never wait.
+static struct gate prints;
 
 static uint32_t load_status(const struct smart_tty_ctrl *ctrl)
 {
@@ -45,21 +44,6 @@ struct smart_tty_ctrl *smart_tty_init(struct smart_tty_ctrl *ctrl)
         *ctrl = {};
     }
     return ctrl;
-}
-
-// Appends to a text of `size` bytes of which `*used` are taken; a text that does not fit is cut.
-static void append(char *text, size_t size, size_t *used, const char *format, ...)
-    __attribute__((format(printf, 4, 5)));
-static void append(char *text, size_t size, size_t *used, const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = vsnprintf(text + *used, size - *used, format, arguments);
-    va_end(arguments);
-    if (written > 0) {
-        const size_t room = size - *used - 1;
-        *used += (size_t)written < room ? (size_t)written : room;
-    }
 }
 
 static const char *status_word(uint32_t status)
@@ -84,12 +68,12 @@ static void count_models(struct smart_tty_ctrl *ctrl)
 static void announce(const struct smart_tty_ctrl *ctrl)
 {
     char command[COMMAND_SIZE];
-    size_t used = 0;
-    append(command, sizeof command, &used, "ttylog register_process %s %s %u", ctrl->process,
-           status_word(load_status(ctrl)), ctrl->model_count);
+    struct cut_text text = {.start = command, .size = sizeof command, .used = 0};
+    cut_text_append(&text, "ttylog register_process %s %s %u", ctrl->process,
+                    status_word(load_status(ctrl)), ctrl->model_count);
     for (uint32_t i = 0; i < SMART_TTY_MODELS; i++) {
         if ((ctrl->model_mask & 1u << i) != 0) {
-            append(command, sizeof command, &used, " %u.%s", i + 1, ctrl->models[i]);
+            cut_text_append(&text, " %u.%s", i + 1, ctrl->models[i]);
         }
     }
     (void)zel_system(command);
@@ -122,10 +106,8 @@ int32_t smart_tty_unregister(struct smart_tty_ctrl *ctrl)
     (void)snprintf(command, sizeof command, "ttylog unregister_process %s", ctrl->process);
     (void)zel_system(command);
 
+    gate_close(&prints);
     store_status(ctrl, 0);
-    while (__atomic_load_n(&prints_under_way, __ATOMIC_SEQ_CST) != 0) {
-        (void)sched_yield();
-    }
     if (ctrl->socket.fd > 0) {
         unix_sock_close(&ctrl->socket);
     }
@@ -134,6 +116,7 @@ int32_t smart_tty_unregister(struct smart_tty_ctrl *ctrl)
     memset(ctrl->models, 0, sizeof ctrl->models);
     ctrl->model_mask = 0;
     ctrl->model_count = 0;
+    gate_open(&prints);
     return 0;
 }
 
@@ -182,8 +165,7 @@ static void send_record(const struct unix_sock *sock, const struct smart_tty_msg
 static uint32_t send_to_service(const struct smart_tty_ctrl *ctrl, struct smart_tty_msg *record,
                                 uint32_t model, uint32_t priority, size_t length)
 {
-    (void)__atomic_add_fetch(&prints_under_way, 1, __ATOMIC_SEQ_CST);
-    const uint32_t status = load_status(ctrl);
+    const uint32_t status = gate_enter(&prints) != 0 ? load_status(ctrl) : 0;
     if (status == 1 && ctrl->socket.fd > 0) {
         memset(record->process, 0, sizeof record->process);
         memcpy(record->process, ctrl->process, strnlen(ctrl->process, SMART_TTY_NAME_SIZE - 1));
@@ -192,7 +174,7 @@ static uint32_t send_to_service(const struct smart_tty_ctrl *ctrl, struct smart_
         record->kind = SMART_TTY_KIND;
         send_record(&ctrl->socket, record, SMART_TTY_HEADER_SIZE + length);
     }
-    (void)__atomic_sub_fetch(&prints_under_way, 1, __ATOMIC_SEQ_CST);
+    gate_leave(&prints);
     return status;
 }
 
@@ -231,22 +213,21 @@ void smart_tty_raw_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t p
 }
 
 // One line of a dump: up to 16 bytes in hexadecimal, then the same as text, a gap after the eighth.
-static void append_dump_line(char *text, size_t *used, const uint8_t *bytes, size_t count)
+static void append_dump_line(struct cut_text *text, const uint8_t *bytes, size_t count)
 {
     for (size_t i = 0; i < DUMP_LINE; i++) {
         const char *separator = i == 7 ? "  " : " ";
         if (i < count) {
-            append(text, DUMP_TEXT_SIZE, used, "%02X%s", bytes[i], separator);
+            cut_text_append(text, "%02X%s", bytes[i], separator);
         } else {
-            append(text, DUMP_TEXT_SIZE, used, "  %s", separator);
+            cut_text_append(text, "  %s", separator);
         }
     }
-    append(text, DUMP_TEXT_SIZE, used, " |");
+    cut_text_append(text, " |");
     for (size_t i = 0; i < count; i++) {
-        append(text, DUMP_TEXT_SIZE, used, "%c%s", isprint(bytes[i]) != 0 ? bytes[i] : '.',
-               i == 7 ? " " : "");
+        cut_text_append(text, "%c%s", isprint(bytes[i]) != 0 ? bytes[i] : '.', i == 7 ? " " : "");
     }
-    append(text, DUMP_TEXT_SIZE, used, "\n");
+    cut_text_append(text, "\n");
 }
 
 void smart_tty_buff_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
@@ -255,24 +236,24 @@ void smart_tty_buff_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t 
     if (format == nullptr || (data == nullptr && length > 0)) {
         return;
     }
-    char text[DUMP_TEXT_SIZE];
+    char buffer[DUMP_TEXT_SIZE];
     va_list arguments;
     va_start(arguments, format);
-    const int written = vsnprintf(text, DUMP_HEADING_LONGEST + 1, format, arguments);
+    buffer[0] = '\0';
+    (void)vsnprintf(buffer, DUMP_HEADING_LONGEST + 1, format, arguments);
     va_end(arguments);
-    size_t used = written < 0 ? 0 : (size_t)written;
-    used = used < DUMP_HEADING_LONGEST ? used : DUMP_HEADING_LONGEST;
+    struct cut_text text = {.start = buffer, .size = sizeof buffer, .used = strlen(buffer)};
 
     const uint8_t *bytes = (const uint8_t *)data;
     for (size_t done = 0; done < length;) {
         const size_t chunk_end = length - done < DUMP_CHUNK ? length : done + DUMP_CHUNK;
         while (done < chunk_end) {
             const size_t count = chunk_end - done < DUMP_LINE ? chunk_end - done : DUMP_LINE;
-            append_dump_line(text, &used, bytes + done, count);
+            append_dump_line(&text, bytes + done, count);
             done += count;
         }
-        smart_tty_raw_print(ctrl, model, priority, "%s", text);
-        used = 0;
+        smart_tty_raw_print(ctrl, model, priority, "%s", buffer);
+        text.used = 0;
     }
 }
 

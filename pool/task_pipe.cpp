@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/retry_pause.h"
 
 int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
@@ -69,8 +70,7 @@ static bool has_lost_its_reader(int32_t write_end)
 
 static void log_send_error(int error)
 {
-    char text[128];
-    const char *reason = strerror_r(error, text, sizeof text);
+    const char *reason = error_text(error);
     if (error == EAGAIN) {
         PELKIN_LOG_ERROR("failed to send data, send buffer is full? err(%d):%s", error, reason);
     } else {
@@ -135,9 +135,7 @@ int32_t read_data(int32_t fd, void *buffer, size_t length)
             retry_pause(&without_data);
         } else {
             const int error = errno;
-            char text[128];
-            PELKIN_LOG_ERROR("failed to read data, err(%d):%s", error,
-                             strerror_r(error, text, sizeof text));
+            PELKIN_LOG_ERROR("failed to read data, err(%d):%s", error, error_text(error));
             return -1;
         }
     }

@@ -6,6 +6,7 @@
 #include <sys/sem.h>
 
 #include "log/log.h"
+#include "platform/error_text.h"
 
 // As semctl(2) wants the caller to define it.
 union semun {
@@ -16,15 +17,14 @@ union semun {
 
 int32_t pelkin_make_task_slots(void)
 {
-    char text[128];
     const int sem_id = semget(IPC_PRIVATE, 1, 0777);
     if (sem_id < 0) {
-        PELKIN_LOG_ERROR("Unable to create semaphore: %s", strerror_r(errno, text, sizeof text));
+        PELKIN_LOG_ERROR("Unable to create semaphore: %s", error_text(errno));
         return -1;
     }
     const union semun slots = {.val = PELKIN_TASK_SLOTS};
     if (semctl(sem_id, 0, SETVAL, slots) < 0) {
-        PELKIN_LOG_ERROR("semctl() error: %s", strerror_r(errno, text, sizeof text));
+        PELKIN_LOG_ERROR("semctl() error: %s", error_text(errno));
         pelkin_remove_task_slots(sem_id);
         return -1;
     }

@@ -7,11 +7,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "core/ipc_send.h"
 #include "core/switches.h"
 #include "crash/signal_stack.h"
 #include "http/connection.h"
 #include "http/exchange.h"
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/thread_start.h"
 #include "pool/answer_file.h"
 #include "pool/task_pipe.h"
@@ -82,9 +84,7 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
     }
     const int error = pthread_detach(thread);
     if (error != 0) {
-        char text[128];
-        PELKIN_LOG_ERROR("Cannot detach thread, errno:%d,%s\n", error,
-                         strerror_r(error, text, sizeof text));
+        PELKIN_LOG_ERROR("Cannot detach thread, errno:%d,%s\n", error, error_text(error));
     }
     return 0;
 }

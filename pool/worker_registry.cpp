@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "pool/minute_clock.h"
 #include "pool/task_pipe.h"
 #include "pool/task_slots.h"
@@ -77,8 +78,7 @@ static void append_record(THREAD_RECORD *record)
 static int32_t equip_record(THREAD_RECORD *record)
 {
     if (pelkin_open_task_pipe(record->pipe_fd) != 0) {
-        char text[128];
-        PELKIN_LOG_ERROR("Unable to create pipe: %s", strerror_r(errno, text, sizeof text));
+        PELKIN_LOG_ERROR("Unable to create pipe: %s", error_text(errno));
         return -1;
     }
     record->sem_id = pelkin_make_task_slots();

@@ -7,19 +7,11 @@
 
 #include <stdint.h>
 
-#include "core/ipc_msg.h"
+#include "social/fbauth_msg.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-/* The data of a PELKIN_MSG_FBAUTH_REQ. */
-struct fbauth_attr {
-    uint8_t mac[PELKIN_MAC_SIZE];
-    char text[PELKIN_TEXT_MAX]; /* goes out with the request; NUL-terminated when shorter */
-};
-WIRE_OFFSET(struct fbauth_attr, text, 6);
-WIRE_SIZE(struct fbauth_attr, 1030);
 
 /*
  * Reads the value of the key "valid" from the NUL-terminated answer `resp`, which comes from

@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include "log/field.h"
 #include "log/log.h"
 #include "social/reauth_report.h"
 
@@ -75,8 +76,7 @@ static void report_entry(const struct reauth_attr *attrs, const struct answer_en
         return;
     }
     const uint8_t *mac = found->mac;
-    PELKIN_LOG_DEBUG("find station[%02x:%02x:%02x:%02x:%02x:%02x]", mac[0], mac[1], mac[2], mac[3],
-                     mac[4], mac[5]);
+    PELKIN_LOG_DEBUG("find station[" PELKIN_MAC_FORMAT "]", PELKIN_MAC(mac));
     struct reauth_resp_sta *reported = &out->sta[out->sta_num++];
     *reported = {};
     memcpy(reported->mac, mac, sizeof reported->mac);

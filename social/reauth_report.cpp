@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "core/ipc_send.h"
+#include "log/field.h"
 #include "log/log.h"
 
 int32_t pelkin_print_reauth_resp_msg(const struct reauth_resp *resp)
@@ -13,8 +15,8 @@ int32_t pelkin_print_reauth_resp_msg(const struct reauth_resp *resp)
     PELKIN_LOG_DEBUG("reauth_resp: sta_num[%d]", resp->sta_num);
     for (int32_t i = 0; i < resp->sta_num; i++) {
         const uint8_t *mac = resp->sta[i].mac;
-        PELKIN_LOG_DEBUG("sta: mac[%02x:%02x:%02x:%02x:%02x:%02x] is_valid[%d]", mac[0], mac[1],
-                         mac[2], mac[3], mac[4], mac[5], resp->sta[i].is_valid);
+        PELKIN_LOG_DEBUG("sta: mac[" PELKIN_MAC_FORMAT "] is_valid[%d]", PELKIN_MAC(mac),
+                         resp->sta[i].is_valid);
     }
     return 0;
 }

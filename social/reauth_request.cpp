@@ -1,11 +1,10 @@
 #include "social/reauth_request.h"
 
 #include <inttypes.h>
-#include <stdarg.h>
-#include <stdio.h>
 #include <string.h>
 
 #include "log/log.h"
+#include "platform/cut_text.h"
 #include "platform/url_encode.h"
 
 static const size_t ENTRIES_TEXT_MAX = 65535;
@@ -23,33 +22,11 @@ void pelkin_cut_reauth_attr(struct reauth_attr *attrs, size_t length)
     }
 }
 
-// A text that is appended to until `size`, its NUL included, is reached; the rest is cut off.
-struct cut_text {
-    char *start;
-    size_t size;
-    size_t used;
-};
-
-static void append(struct cut_text *text, const char *format, ...)
-    __attribute__((format(printf, 2, 3)));
-
-static void append(struct cut_text *text, const char *format, ...)
-{
-    const size_t room = text->size - text->used;
-    va_list arguments;
-    va_start(arguments, format);
-    const int written = vsnprintf(text->start + text->used, room, format, arguments);
-    va_end(arguments);
-    if (written > 0 && room > 0) {
-        text->used += (size_t)written < room ? (size_t)written : room - 1;
-    }
-}
-
 static void append_station(struct cut_text *text, const struct reauth_sta *sta,
                            const char *separator)
 {
-    append(text, "\"%.*s\":{\"incoming\":\"%" PRIu32 "\",\"outgoing\":\"%" PRIu32 "\"}%s",
-           (int)sizeof sta->token, sta->token, sta->incoming, sta->outgoing, separator);
+    cut_text_append(text, "\"%.*s\":{\"incoming\":\"%" PRIu32 "\",\"outgoing\":\"%" PRIu32 "\"}%s",
+                    (int)sizeof sta->token, sta->token, sta->incoming, sta->outgoing, separator);
 }
 
 static void append_stations(struct cut_text *text, const struct reauth_attr *attrs)
@@ -72,11 +49,11 @@ int32_t pelkin_build_reauth_data(char *out, size_t out_size, const struct reauth
     char encoded[REAUTH_SECRET_SIZE * ENCODED_BYTE_SIZE];
 
     struct cut_text text = {.start = out, .size = out_size, .used = 0};
-    append(&text, "secret=%s&tokens={", urlEncode(secret, encoded, sizeof encoded));
+    cut_text_append(&text, "secret=%s&tokens={", urlEncode(secret, encoded, sizeof encoded));
     const size_t entries_end = text.used + ENTRIES_TEXT_MAX + 1;
     text.size = entries_end < out_size ? entries_end : out_size;
     append_stations(&text, attrs);
     text.size = out_size;
-    append(&text, "}");
+    cut_text_append(&text, "}");
     return 0;
 }

@@ -10,9 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/monitor.h"
-#include "core/signals.h"
-#include "core/startup.h"
+#include "core/daemon/monitor.h"
+#include "core/daemon/signals.h"
+#include "core/daemon/startup.h"
 #include "social/reauth_msg.h"
 #include "tests/support/daemon.h"
 #include "tests/support/requester.h"

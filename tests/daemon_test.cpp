@@ -8,9 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "core/daemon/monitor.h"
+#include "core/daemon/startup.h"
 #include "core/ipc_msg.h"
-#include "core/monitor.h"
-#include "core/startup.h"
 #include "tests/support/daemon.h"
 #include "tests/support/requester.h"
 #include "tests/support/server.h"

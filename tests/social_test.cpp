@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/ipc_send.h"
 #include "log/log.h"
 #include "social/fbauth.h"
 #include "social/reauth_answer.h"

@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include "core/daemon/signals.h"
+#include "core/daemon/startup.h"
 #include "core/ipc_msg.h"
-#include "core/signals.h"
-#include "core/startup.h"
 #include "tests/support/daemon.h"
 #include "tests/support/log_sink.h"
 

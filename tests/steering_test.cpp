@@ -11,8 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/monitor.h"
-#include "core/signals.h"
+#include "core/daemon/monitor.h"
+#include "core/daemon/signals.h"
 #include "tests/support/daemon.h"
 #include "tests/support/requester.h"
 #include "tests/support/server.h"

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <string>
 
-#include "core/monitor.h"
+#include "core/daemon/monitor.h"
 #include "tests/support/daemon.h"
 #include "tests/support/requester.h"
 #include "tests/support/server.h"

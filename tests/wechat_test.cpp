@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "core/ipc_send.h"
 #include "http/connection.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"

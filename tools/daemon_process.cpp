@@ -7,7 +7,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "core/startup.h"
+#include "core/daemon/startup.h"
 #include "tools/exit_status.h"
 #include "tools/output.h"
 #include "tools/text_fields.h"

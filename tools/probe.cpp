@@ -5,8 +5,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "core/daemon/monitor.h"
 #include "core/ipc_msg.h"
-#include "core/monitor.h"
 #include "tools/daemon_link.h"
 #include "tools/exit_status.h"
 #include "tools/output.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "core/signals.h"
+#include "core/daemon/signals.h"
 #include "log/level_names.h"
 #include "tools/daemon_process.h"
 #include "tools/exit_status.h"

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "core/signals.h"
+#include "core/daemon/signals.h"
 #include "log/level_names.h"
 #include "tools/daemon_process.h"
 #include "tools/exit_status.h"

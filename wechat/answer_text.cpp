@@ -1,8 +1,8 @@
 #include "wechat/answer_text.h"
 
-#include <limits.h>
-#include <stdlib.h>
 #include <string.h>
+
+#include "platform/read_number.h"
 
 const char *wechat_pass_literal(const char *at, const char *literal)
 {
@@ -18,15 +18,7 @@ const char *wechat_pass_to_quote(const char *at)
 
 const char *wechat_read_number(const char *at, int32_t *number)
 {
-    if (at == nullptr) {
-        return nullptr;
-    }
-    char *end = nullptr;
-    long value = strtol(at, &end, 10);
-    value = value < INT_MIN ? INT_MIN : value;
-    value = value > INT_MAX ? INT_MAX : value;
-    *number = (int32_t)value;
-    return end != at ? end : nullptr;
+    return at != nullptr ? read_number(at, number) : nullptr;
 }
 
 const char *wechat_read_text(const char *at, char *text, size_t size)

@@ -5,6 +5,7 @@
 #include "core/http_task.h"
 #include "crash/signal_stack.h"
 #include "http/connection.h"
+#include "log/field.h"
 #include "log/log.h"
 #include "platform/retry_pause.h"
 #include "platform/thread_start.h"
@@ -31,9 +32,9 @@ static void expire_token(TO_CHECK_ACCOUNT *account, int32_t now)
 static void report_unchecked(const TO_CHECK_CLIENT *clients)
 {
     for (; clients != nullptr; clients = clients->next) {
-        PELKIN_LOG_ERROR("failed to check client(mac:" WECHAT_MAC_FORMAT
+        PELKIN_LOG_ERROR("failed to check client(mac:" PELKIN_MAC_FORMAT
                          ", openid:%s) due to error.",
-                         WECHAT_MAC(clients->mac), clients->openid);
+                         PELKIN_MAC(clients->mac), clients->openid);
     }
 }
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "log/field.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"
 
@@ -18,9 +19,6 @@ static const uint32_t EXPRESS_LANE_STRIDE = 64;
 // the main thread may be waiting for meanwhile, is done in a fraction of a millisecond.
 static const uint32_t CLIENTS_FREED_PER_TRIM = 1024;
 
-// For "%.*s": a text field is read no further than its width, NUL or not.
-#define FIELD(field) (int)sizeof(field), field
-
 // A place in a client chain: the last client, and the last one in the express lane, that are due no
 // later than some minute. Null when there is none before the place.
 struct place {
@@ -30,9 +28,10 @@ struct place {
 
 void wechat_print_req_msg(const struct wechat_check_follow_req *req)
 {
-    PELKIN_LOG_DEBUG("wechat check-follow request message: client mac:" WECHAT_MAC_FORMAT
+    PELKIN_LOG_DEBUG("wechat check-follow request message: client mac:" PELKIN_MAC_FORMAT
                      ", openid:%.*s, appid:%.*s, delay:%d minutes.",
-                     WECHAT_MAC(req->mac), FIELD(req->openid), FIELD(req->appid), req->delay);
+                     PELKIN_MAC(req->mac), PELKIN_FIELD(req->openid), PELKIN_FIELD(req->appid),
+                     req->delay);
 }
 
 // The request of a message, its texts terminated. 0, or -1 when the message holds no whole request.
@@ -151,18 +150,18 @@ static int32_t register_client(const struct wechat_check_follow_req *request, in
     }
     TO_CHECK_CLIENT *client = (TO_CHECK_CLIENT *)calloc(1, sizeof *client);
     if (client == nullptr) {
-        PELKIN_LOG_ERROR("Malloc TO_CHECK_CLIENT for client " WECHAT_MAC_FORMAT " failed.",
-                         WECHAT_MAC(request->mac));
+        PELKIN_LOG_ERROR("Malloc TO_CHECK_CLIENT for client " PELKIN_MAC_FORMAT " failed.",
+                         PELKIN_MAC(request->mac));
         return -1;
     }
     memcpy(client->mac, request->mac, sizeof client->mac);
     memcpy(client->openid, request->openid, sizeof client->openid);
     client->expire_min = add_minutes(now, request->delay);
     insert_client(account, client);
-    PELKIN_LOG_DEBUG("added new client(addr:%p, mac:" WECHAT_MAC_FORMAT
+    PELKIN_LOG_DEBUG("added new client(addr:%p, mac:" PELKIN_MAC_FORMAT
                      ", openid:%s) to the client chain of appid(%s, addr:%p), expire time:%dmin, "
                      "cur time:%dmin",
-                     (void *)client, WECHAT_MAC(client->mac), client->openid, account->appid,
+                     (void *)client, PELKIN_MAC(client->mac), client->openid, account->appid,
                      (void *)account, client->expire_min, now);
     return 0;
 }
@@ -212,8 +211,8 @@ void wechat_free_clients(TO_CHECK_CLIENT *clients)
     while (clients != nullptr) {
         TO_CHECK_CLIENT *client = clients;
         clients = client->next;
-        PELKIN_LOG_DEBUG("to free client(addr:%p, mac:" WECHAT_MAC_FORMAT ", openid:%s)",
-                         (void *)client, WECHAT_MAC(client->mac), client->openid);
+        PELKIN_LOG_DEBUG("to free client(addr:%p, mac:" PELKIN_MAC_FORMAT ", openid:%s)",
+                         (void *)client, PELKIN_MAC(client->mac), client->openid);
         free(client);
         return_memory_now_and_then();
     }

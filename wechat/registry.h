@@ -30,10 +30,6 @@ extern "C" {
 /* Idle accounts that keep their token for the next request. */
 #define WECHAT_IDLE_ACCOUNTS_KEPT 11
 
-/* A station address in a log message. */
-#define WECHAT_MAC_FORMAT "%02x:%02x:%02x:%02x:%02x:%02x"
-#define WECHAT_MAC(mac) (mac)[0], (mac)[1], (mac)[2], (mac)[3], (mac)[4], (mac)[5]
-
 /* One accepted request. Its account's until it is detached, then the follow-check thread's. */
 typedef struct TO_CHECK_CLIENT {
     uint8_t mac[PELKIN_MAC_SIZE];

@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "core/ipc_msg.h"
+#include "core/wire_assert.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -12,8 +12,8 @@
 #include <random>
 #include <unistd.h>
 
-#include "core/monitor.h"
-#include "core/signals.h"
+#include "core/daemon/monitor.h"
+#include "core/daemon/signals.h"
 #include "tests/soak/soak.h"
 #include "tests/support/daemon.h"
 #include "wechat/follow_check.h"

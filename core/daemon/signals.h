@@ -6,8 +6,8 @@
  *   SIGCHLD  children that have ended are reaped
  * SIGPIPE is ignored: a write to a closed pipe or socket fails with EPIPE instead.
  */
-#ifndef PELKIN_CORE_SIGNALS_H
-#define PELKIN_CORE_SIGNALS_H
+#ifndef PELKIN_CORE_DAEMON_SIGNALS_H
+#define PELKIN_CORE_DAEMON_SIGNALS_H
 
 #include <stdint.h>
 

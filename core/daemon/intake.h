@@ -4,10 +4,11 @@
  * its server. A request that fails here is dropped with a log message; requesters are never told.
  * Main thread.
  */
-#ifndef PELKIN_CORE_INTAKE_H
-#define PELKIN_CORE_INTAKE_H
+#ifndef PELKIN_CORE_DAEMON_INTAKE_H
+#define PELKIN_CORE_DAEMON_INTAKE_H
 
 #include <stdint.h>
+#include <sys/socket.h>
 #include <sys/un.h>
 
 #include "core/http_task.h"

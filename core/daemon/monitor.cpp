@@ -1,4 +1,4 @@
-#include "core/monitor.h"
+#include "core/daemon/monitor.h"
 
 #include <errno.h>
 #include <poll.h>
@@ -8,10 +8,11 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/ipc_msg.h"
-#include "core/liveness.h"
+#include "core/daemon/liveness.h"
+#include "core/ipc_send.h"
 #include "crash/signal_stack.h"
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/retry_pause.h"
 
 static const int WAIT_MS = 5000;
@@ -97,9 +98,7 @@ void *pelkin_vokmon_reply(void *)
     for (;;) {
         const int ready = poll(&watched, 1, WAIT_MS);
         if (ready < 0 && errno != EINTR) {
-            char text[128];
-            PELKIN_LOG_DEBUG("pelkin select() failed: %s, ignore",
-                             strerror_r(errno, text, sizeof text));
+            PELKIN_LOG_DEBUG("pelkin select() failed: %s, ignore", error_text(errno));
         }
         if (ready < 0 || (ready > 0 && !answer_if_alive(fd))) {
             retry_pause(&failures);

@@ -1,6 +1,6 @@
 /* Start-up in its fixed order, and the shutdown that follows it or the main loop. Main thread. */
-#ifndef PELKIN_CORE_STARTUP_H
-#define PELKIN_CORE_STARTUP_H
+#ifndef PELKIN_CORE_DAEMON_STARTUP_H
+#define PELKIN_CORE_DAEMON_STARTUP_H
 
 #include <stdint.h>
 
@@ -18,10 +18,6 @@ void pelkin_shutdown(void);
 
 /* Writes the process id in decimal, without a newline. 0, or -1 when it can't be written. */
 int32_t pelkin_write_pid_file(const char *path);
-
-/* Set the trace level and the filter-log switch (log/log.h). */
-void pelkin_set_trace_level(uint32_t level);
-void pelkin_set_fltlog(uint32_t on);
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,4 @@
-#include "core/startup.h"
+#include "core/daemon/startup.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -8,14 +8,15 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "core/ipc_msg.h"
-#include "core/liveness.h"
-#include "core/monitor.h"
-#include "core/signals.h"
+#include "core/daemon/liveness.h"
+#include "core/daemon/monitor.h"
+#include "core/daemon/signals.h"
+#include "core/ipc_send.h"
 #include "crash/crashdump.h"
 #include "http/connection.h"
 #include "log/log.h"
 #include "log/ttylog_modules.h"
+#include "platform/error_text.h"
 #include "platform/ipc_open_sock.h"
 #include "platform/thread_start.h"
 #include "pool/worker.h"
@@ -35,16 +36,6 @@ int32_t pelkin_write_pid_file(const char *path)
     const int written = dprintf(fd, "%d", getpid());
     (void)close(fd);
     return written > 0 ? 0 : -1;
-}
-
-void pelkin_set_trace_level(uint32_t level)
-{
-    __atomic_store_n(&tu_trace_level, level, __ATOMIC_RELAXED);
-}
-
-void pelkin_set_fltlog(uint32_t on)
-{
-    __atomic_store_n(&tu_pelkin_fltlog, on, __ATOMIC_RELAXED);
 }
 
 int32_t pelkin_init(void)
@@ -67,8 +58,7 @@ int32_t pelkin_init(void)
     pelkin_prepare_lookups();
     pelkin_sock = ipc_open_sock(PELKIN_SOCKET_PATH);
     if (pelkin_sock < 0) {
-        char text[128];
-        PELKIN_LOG_ERROR("Unable to open unix socket: %s", strerror_r(errno, text, sizeof text));
+        PELKIN_LOG_ERROR("Unable to open unix socket: %s", error_text(errno));
         return -1;
     }
     pelkin_thread_list = nullptr;

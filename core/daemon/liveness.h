@@ -1,6 +1,6 @@
 /* The main loop's sign of life. */
-#ifndef PELKIN_CORE_LIVENESS_H
-#define PELKIN_CORE_LIVENESS_H
+#ifndef PELKIN_CORE_DAEMON_LIVENESS_H
+#define PELKIN_CORE_DAEMON_LIVENESS_H
 
 #include <pthread.h>
 #include <time.h>

@@ -2,8 +2,8 @@
  * The main loop: waits for datagrams and signals, marks its own liveness, takes at most one of each
  * a pass, lets idle workers go.
  */
-#ifndef PELKIN_CORE_MAIN_LOOP_H
-#define PELKIN_CORE_MAIN_LOOP_H
+#ifndef PELKIN_CORE_DAEMON_MAIN_LOOP_H
+#define PELKIN_CORE_DAEMON_MAIN_LOOP_H
 
 #ifdef __cplusplus
 extern "C" {

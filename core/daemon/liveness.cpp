@@ -1,4 +1,4 @@
-#include "core/liveness.h"
+#include "core/daemon/liveness.h"
 
 time_t pelkin_timestamp;
 pthread_mutex_t pelkin_timestamp_lock = PTHREAD_MUTEX_INITIALIZER;

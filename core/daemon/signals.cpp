@@ -1,19 +1,17 @@
-#include "core/signals.h"
+#include "core/daemon/signals.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/startup.h"
 #include "core/switches.h"
 #include "log/log.h"
+#include "platform/error_text.h"
+#include "platform/read_number.h"
 
 int32_t signal_pipe[2] = {-1, -1};
 
@@ -51,9 +49,8 @@ void pelkin_report_lost_signals(void)
     const uint32_t lost = __atomic_exchange_n(&lost_signals, 0, __ATOMIC_ACQUIRE);
     for (uint32_t told = 0; told < lost && told < LOST_SIGNALS_TOLD; told++) {
         const int error = __atomic_load_n(&lost_signal_errno, __ATOMIC_RELAXED);
-        char text[128];
         PELKIN_LOG_ERROR("write signal number to pipe fail. errno=%d,%s\n", error,
-                         strerror_r(error, text, sizeof text));
+                         error_text(error));
     }
 }
 
@@ -78,8 +75,7 @@ int32_t pelkin_signal_init(void)
     static const int handled[] = {SIGUSR1, SIGUSR2, SIGCHLD};
     (void)signal(SIGPIPE, SIG_IGN);
     if (open_signal_pipe() != 0) {
-        char text[128];
-        PELKIN_LOG_ERROR("Unable to create pipe: %s", strerror_r(errno, text, sizeof text));
+        PELKIN_LOG_ERROR("Unable to create pipe: %s", error_text(errno));
         return -1;
     }
     struct sigaction action = {};
@@ -134,12 +130,7 @@ int32_t pelkin_read_log_level_file(int32_t *level)
     (void)close(fd);
     text[got > 0 ? got : 0] = '\0';
 
-    char *end = nullptr;
-    const long number = strtol(text, &end, 10);
-    if (end != text) {
-        const long low = number < INT_MIN ? INT_MIN : number;
-        *level = (int32_t)(low > INT_MAX ? INT_MAX : low);
-    }
+    (void)read_number(text, level);
     return 0;
 }
 

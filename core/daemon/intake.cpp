@@ -1,9 +1,10 @@
-#include "core/intake.h"
+#include "core/daemon/intake.h"
 
 #include <errno.h>
 #include <string.h>
 
 #include "core/switches.h"
+#include "log/field.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"
 #include "pool/task_pipe.h"
@@ -13,9 +14,6 @@
 
 static const size_t FILE_PATH_LONGEST = HTTP_TASK_FILE_PATH_SIZE - 1;
 
-// For "%.*s": a text field is read no further than its width, NUL or not.
-#define FIELD(field) (int)sizeof(field), field
-
 void pelkin_print_http_req_msg(const struct http_req_msg *request)
 {
     if (request == nullptr) {
@@ -24,7 +22,8 @@ void pelkin_print_http_req_msg(const struct http_req_msg *request)
     PELKIN_LOG_DEBUG_SUPERSEDED("HTTP request message: resp_method[%d] http_req_type[%d] url[%.*s] "
                                 "file_path[%.*s] len[%d]",
                                 (int)request->resp_method, (int)request->http_req_type,
-                                FIELD(request->url), FIELD(request->file_path), (int)request->len);
+                                PELKIN_FIELD(request->url), PELKIN_FIELD(request->file_path),
+                                (int)request->len);
 }
 
 static bool starts_with(const char *text, size_t length, const char *prefix, size_t prefix_length)
@@ -160,7 +159,8 @@ int32_t social_media_req_msg_proc(const void *message, const struct sockaddr_un 
         return -1;
     }
     if (task.host[0] == '\0') {
-        PELKIN_LOG_ERROR("host should NOT be NULL. pelkin_msg->url:%.*s", FIELD(request->url));
+        PELKIN_LOG_ERROR("host should NOT be NULL. pelkin_msg->url:%.*s",
+                         PELKIN_FIELD(request->url));
         return -1;
     }
     pelkin_print_task(&task);

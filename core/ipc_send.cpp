@@ -1,30 +1,23 @@
-#include "core/ipc_msg.h"
+#include "core/ipc_send.h"
 
 #include <errno.h>
-#include <poll.h>
 #include <string.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "log/log.h"
+#include "platform/gate.h"
 #include "platform/retry_pause.h"
 
 int32_t pelkin_sock = -1;
 
-// How closing keeps clear of other threads' sends, whose descriptor could be somebody else's by
-// then: a send counts itself before it looks whether the socket is closed, closing says so before
-// it looks at the count. Both atomic and sequentially consistent, or each could miss the other's
-// store.
-static uint32_t sends_under_way;
-static uint32_t is_closed;
+// Closing keeps clear of other threads' sends, whose descriptor could be somebody else's by then.
+static struct gate sends;
 
 void pelkin_close_sock(void)
 {
-    __atomic_store_n(&is_closed, 1, __ATOMIC_SEQ_CST);
-    while (__atomic_load_n(&sends_under_way, __ATOMIC_SEQ_CST) != 0) {
-        (void)poll(nullptr, 0, 1);
-    }
-    (void)close(pelkin_sock);
+    gate_close(&sends);
+    close(pelkin_sock);
 }
 
 void *pelkin_fill_ipc_hdr(void *buffer, uint32_t msg_id, uint32_t len)
@@ -62,9 +55,8 @@ int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, c
 {
     const socklen_t sendable = pelkin_sendable_length(address_length);
     ssize_t sent = -1;
-    (void)__atomic_add_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
     uint32_t interrupted = 0;
-    while (__atomic_load_n(&is_closed, __ATOMIC_SEQ_CST) == 0) {
+    for (int is_open = gate_enter(&sends); is_open != 0; is_open = gate_is_open(&sends)) {
         sent = sendto(sock, buffer, length, 0, (const struct sockaddr *)address, sendable);
         // A signal during the wait for room is no verdict on the peer: nothing has been sent yet.
         if (sent >= 0 || errno != EINTR) {
@@ -72,7 +64,7 @@ int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, c
         }
         retry_pause(&interrupted);
     }
-    (void)__atomic_sub_fetch(&sends_under_way, 1, __ATOMIC_SEQ_CST);
+    gate_leave(&sends);
     if (sent < 0) {
         PELKIN_LOG_ERROR("failed to send ipc msg.");
         return -1;

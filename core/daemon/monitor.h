@@ -1,11 +1,11 @@
 /*
  * The answer to the system monitor's liveness probes: 12-byte datagrams, the envelope of
  * core/ipc_msg.h without a payload. A thread of its own answers, but only while the main loop's
- * mark (core/liveness.h) is less than 10 seconds old: a daemon whose main loop is stuck falls
- * silent.
+ * mark (core/daemon/liveness.h) is less than 10 seconds old: a daemon whose main loop is stuck
+ * falls silent.
  */
-#ifndef PELKIN_CORE_MONITOR_H
-#define PELKIN_CORE_MONITOR_H
+#ifndef PELKIN_CORE_DAEMON_MONITOR_H
+#define PELKIN_CORE_DAEMON_MONITOR_H
 
 #include <stdint.h>
 

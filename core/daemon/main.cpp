@@ -1,5 +1,5 @@
-#include "core/main_loop.h"
-#include "core/startup.h"
+#include "core/daemon/main_loop.h"
+#include "core/daemon/startup.h"
 
 // The daemon takes no arguments. It ends with 0 in every case that reaches the shutdown.
 int main()

@@ -1,15 +1,16 @@
-#include "core/main_loop.h"
+#include "core/daemon/main_loop.h"
 
 #include <errno.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 
-#include "core/intake.h"
-#include "core/ipc_msg.h"
-#include "core/liveness.h"
-#include "core/signals.h"
+#include "core/daemon/intake.h"
+#include "core/daemon/liveness.h"
+#include "core/daemon/signals.h"
+#include "core/ipc_send.h"
 #include "log/log.h"
+#include "platform/error_text.h"
 #include "platform/retry_pause.h"
 #include "pool/worker_registry.h"
 
@@ -32,9 +33,8 @@ static enum loop_verdict receive_request(void)
         memset(buffer, 0, (size_t)received);
     } else if (received < 0) {
         const int error = errno;
-        char text[128];
-        PELKIN_LOG_ERROR("VOK_RECVFROM returns %d -- %s (%d)", (int)received,
-                         strerror_r(error, text, sizeof text), error);
+        PELKIN_LOG_ERROR("VOK_RECVFROM returns %d -- %s (%d)", (int)received, error_text(error),
+                         error);
         return error == EBADF || error == ENOTSOCK ? LOOP_ENDS : LOOP_FAILED;
     }
     return LOOP_GOES_ON;
@@ -52,9 +52,7 @@ static enum loop_verdict run_one_pass(void)
     pelkin_mark_alive();
     pelkin_report_lost_signals();
     if (ready < 0) {
-        char text[128];
-        PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready,
-                           strerror_r(error, text, sizeof text), error);
+        PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready, error_text(error), error);
         return error == EBADF ? LOOP_ENDS : LOOP_FAILED;
     }
     if (ready == 0) {
