@@ -3,6 +3,7 @@
 #define PELKIN_FUZZ_TASK_MODEL_H
 
 #include <string>
+#include <sys/socket.h>
 
 #include "core/http_task.h"
 
