@@ -8,20 +8,16 @@
 #include "fuzz/harness.h"
 #include "http/connection.h"
 
-int32_t pelkin_create_tcp_socket(void)
+int32_t pelkin_open_connection(const char *, int32_t *sock, SSL *, const char *, uint32_t)
 {
     require(!server.is_connected && server.sock < 0, "the old socket is closed first");
     server.is_refused = server_next_block()->reconnection != RECONNECTION_WORKS;
     if (server_next_block()->reconnection == RECONNECTION_NO_SOCKET) {
+        *sock = -1;
         return -1;
     }
     server.sock = SERVER_FIRST_SOCK + ++server.reconnections;
-    return server.sock;
-}
-
-int32_t pelkin_connect_tcp_socket(int32_t sock, SSL *, const char *, uint16_t)
-{
-    require(sock == server.sock, "the new socket is connected");
+    *sock = server.sock;
     if (server.is_refused) {
         return -1;
     }

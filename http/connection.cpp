@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include "core/http_task.h"
 #include "log/log.h"
 #include "platform/error_text.h"
 #include "platform/poll_one.h"
@@ -43,7 +44,7 @@ SSL_CTX *pelkin_create_ctx(void)
 {
 #ifdef OPENSSL_INIT_NO_ATEXIT
     // Other threads may be inside the library when the process ends.
-    (void)OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
 #endif
     SSL_load_error_strings();
     SSL_library_init();
@@ -65,13 +66,21 @@ SSL_CTX *pelkin_create_ctx(void)
     // Explicit, because the system's own configuration may ask for more than an old server can
     // give.
     SSL_CTX_set_security_level(context, 0);
-    (void)SSL_CTX_set_min_proto_version(context, TLS1_VERSION);
-    (void)SSL_CTX_set_cipher_list(
+    SSL_CTX_set_min_proto_version(context, TLS1_VERSION);
+    SSL_CTX_set_cipher_list(
         context,
         "AES128-GCM-SHA256:ECDHE-RSA-AES128-SHA256:-MEDIUM:!RC4:HIGH:!MD5:!aNULL:!EDH:-LOW");
     // An idle connection keeps no record buffers: there may be hundreds of them for hours.
-    (void)SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
+    SSL_CTX_set_mode(context, SSL_MODE_RELEASE_BUFFERS);
     return context;
+}
+
+SSL_CTX *pelkin_hold_ctx(void)
+{
+    if (pelkin_ctx != nullptr) {
+        SSL_CTX_up_ref(pelkin_ctx);
+    }
+    return pelkin_ctx;
 }
 
 SSL *pelkin_create_ssl(SSL_CTX *context)
@@ -92,10 +101,10 @@ static void set_keepalive(int sock)
     static const int idle_s = 60;
     static const int interval_s = 10;
     static const int probes = 6;
-    (void)setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
-    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
-    (void)setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+    setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_s, sizeof idle_s);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_s, sizeof interval_s);
+    setsockopt(sock, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 }
 
 static const char PROTOCOL_NAME[] = "tcp";
@@ -112,7 +121,7 @@ static int find_protocol(void)
 
 void pelkin_prepare_lookups(void)
 {
-    (void)find_protocol();
+    find_protocol();
 }
 
 int32_t pelkin_create_tcp_socket(void)
@@ -129,8 +138,8 @@ int32_t pelkin_create_tcp_socket(void)
     // A request is one small segment: holding it back for the acknowledgement of the handshake's
     // last one would cost some 40 ms. Both options only make things faster or surer.
     const int on = 1;
-    (void)setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    (void)setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
+    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER_SIZE, sizeof SEND_BUFFER_SIZE);
     set_keepalive(sock);
     return sock;
 }
@@ -155,7 +164,7 @@ static int resolve_host(const char *host, struct in_addr *address)
 
 static void seed_random_generator(void)
 {
-    (void)RAND_poll();
+    RAND_poll();
     for (int round = 0; RAND_status() == 0 && round < SEED_ROUNDS_MAX; round++) {
         const uint16_t seed = (uint16_t)rand(); // NOLINT(cert-msc50-cpp,concurrency-mt-unsafe)
         RAND_seed(&seed, sizeof seed);
@@ -167,18 +176,20 @@ static int32_t start_tls(int32_t sock, SSL *tls)
     ERR_clear_error();
     // An object that was connected before would report an old handshake as the new one, and offer
     // the old session for resumption.
-    (void)SSL_set_session(tls, nullptr);
+    SSL_set_session(tls, nullptr);
     const bool is_cleared = SSL_clear(tls) == 1; // fails without memory
     // One read takes a whole small answer, not its record header first.
     SSL_set_read_ahead(tls, 1);
     if (!is_cleared || SSL_set_fd(tls, sock) != 1) {
-        PELKIN_LOG_ERROR("add SSL to tcp socket failed:%s", oldest_error_reason());
+        PELKIN_LOG_AS("pelkin_connect_tcp_socket", ERROR, "add SSL to tcp socket failed:%s",
+                      oldest_error_reason());
         return -1;
     }
     seed_random_generator();
     ERR_clear_error();
     if (SSL_connect(tls) != 1) {
-        PELKIN_LOG_ERROR("SSL connection failed:%s", oldest_error_reason());
+        PELKIN_LOG_AS("pelkin_connect_tcp_socket", ERROR, "SSL connection failed:%s",
+                      oldest_error_reason());
         return -1;
     }
     return 0;
@@ -205,7 +216,23 @@ int32_t pelkin_connect_tcp_socket(int32_t sock, SSL *tls, const char *host, uint
     if (tls != nullptr && start_tls(sock, tls) != 0) {
         return -1;
     }
-    (void)fcntl(sock, F_SETFL, O_NONBLOCK);
+    fcntl(sock, F_SETFL, O_NONBLOCK);
+    return 0;
+}
+
+int32_t pelkin_open_connection(const char *operation, int32_t *sock, SSL *tls, const char *host,
+                               uint32_t is_https)
+{
+    *sock = pelkin_create_tcp_socket();
+    if (*sock < 0) {
+        PELKIN_LOG_AS(operation, ERROR, "create tcp socket fail.");
+        return -1;
+    }
+    const uint16_t port = pelkin_port(is_https);
+    if (pelkin_connect_tcp_socket(*sock, tls, host, port) != 0) {
+        PELKIN_LOG_AS(operation, ERROR, "can't connect to %s:%d", host, port);
+        return -1;
+    }
     return 0;
 }
 

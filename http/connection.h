@@ -29,7 +29,16 @@ extern SSL_CTX *pelkin_ctx;
 /* A new context, which the caller frees with SSL_CTX_free(), or null (logged). Main thread. */
 SSL_CTX *pelkin_create_ctx(void);
 
-/* A new TLS object, which the caller frees with SSL_free(), or null (logged). */
+/*
+ * The daemon's context with a reference of the caller's own, who gives it back with SSL_CTX_free();
+ * null when there is none. Main thread.
+ */
+SSL_CTX *pelkin_hold_ctx(void);
+
+/*
+ * A new TLS object, which the caller frees with SSL_free(), or null (logged); a null context makes
+ * none.
+ */
 SSL *pelkin_create_ssl(SSL_CTX *context);
 
 /*
@@ -49,6 +58,15 @@ int32_t pelkin_create_tcp_socket(void);
  * Returns 0, or -1 (logged); the socket then stays open and is the caller's to close.
  */
 int32_t pelkin_connect_tcp_socket(int32_t sock, SSL *tls, const char *host, uint16_t port);
+
+/*
+ * The two steps above for the operation of that name, which log lines of a failure carry: makes
+ * `*sock` a new socket that is connected to `host`, on the port of the scheme, with `tls` (null for
+ * plain). 0, or -1 (logged); `*sock` is the caller's to close either way, and -1 when none was
+ * made.
+ */
+int32_t pelkin_open_connection(const char *operation, int32_t *sock, SSL *tls, const char *host,
+                               uint32_t is_https);
 
 /*
  * Waits until `sock` is ready in the way of `mode`, at most the given time; a wait that a signal

@@ -16,6 +16,10 @@
 
 static const size_t ERROR_TEXT_SIZE = 256; // what ERR_error_string() asks for
 
+// The operations that log lines of a receive name.
+static const char plain_receiver[] = "pelkin_recv_http_rsp";
+static const char tls_receiver[] = "pelkin_recv_https_rsp";
+
 enum read_event {
     READ_GOT_BYTES,
     READ_WAIT_READABLE,
@@ -32,8 +36,9 @@ struct answer {
     char *buffer; // of `size` bytes, NUL-terminated behind `length`
     int32_t size;
     int32_t length;
-    int32_t head_length; // 0 while the blank line is not there
-    int64_t end;         // announced length, head included; -1 while there is no usable one
+    int32_t head_length;  // 0 while the blank line is not there
+    int64_t end;          // announced length, head included; -1 while there is no usable one
+    const char *receiver; // operation whose steps these are
 };
 
 static enum read_event read_plain(int32_t sock, SSL *, char *to, int32_t room, int32_t received,
@@ -48,10 +53,11 @@ static enum read_event read_plain(int32_t sock, SSL *, char *to, int32_t room, i
         return READ_WAIT_READABLE;
     }
     if (*got == 0 && received > 0) {
-        PELKIN_LOG_ERROR("socket closed.");
+        PELKIN_LOG_AS(plain_receiver, ERROR, "socket closed.");
         return READ_ENDED;
     }
-    PELKIN_LOG_ERROR("Socket Read error:%d, errmsg:%s", errno, error_text(errno));
+    PELKIN_LOG_AS(plain_receiver, ERROR, "Socket Read error:%d, errmsg:%s", errno,
+                  error_text(errno));
     return READ_ENDED;
 }
 
@@ -62,25 +68,27 @@ static enum read_event read_tls(int32_t, SSL *tls, char *to, int32_t room, int32
     const int error = SSL_get_error(tls, *got);
     switch (error) {
     case SSL_ERROR_NONE:
-        PELKIN_LOG_DEBUG("SSL read success. rc=%d", *got);
+        PELKIN_LOG_AS(tls_receiver, DEBUG, "SSL read success. rc=%d", *got);
         return READ_GOT_BYTES;
     case SSL_ERROR_WANT_READ:
-        PELKIN_LOG_ERROR("SSL read error(SSL_ERROR_WANT_READ) err_code=%d, retrying read", error);
+        PELKIN_LOG_AS(tls_receiver, ERROR,
+                      "SSL read error(SSL_ERROR_WANT_READ) err_code=%d, retrying read", error);
         return READ_WAIT_READABLE;
     case SSL_ERROR_WANT_WRITE:
-        PELKIN_LOG_ERROR(
+        PELKIN_LOG_AS(
+            tls_receiver, ERROR,
             "SSL read error(SSL_ERROR_WANT_WRITE) err_code=%d, retrying read after writable event",
             error);
         return READ_WAIT_WRITABLE;
     case SSL_ERROR_ZERO_RETURN:
-        PELKIN_LOG_ERROR("socket closed.");
+        PELKIN_LOG_AS(tls_receiver, ERROR, "socket closed.");
         return READ_ENDED;
     default:
         break;
     }
     char text[ERROR_TEXT_SIZE];
     ERR_error_string_n(ERR_get_error(), text, sizeof text);
-    PELKIN_LOG_ERROR("SSL read err_code:%d, n=%d, error:%s", error, *got, text);
+    PELKIN_LOG_AS(tls_receiver, ERROR, "SSL read err_code:%d, n=%d, error:%s", error, *got, text);
     return READ_ENDED;
 }
 
@@ -112,10 +120,10 @@ static bool accept_bytes(struct answer *answer, int32_t got)
     if (answer->length < answer->end && answer->length < capacity) {
         return false;
     }
-    PELKIN_LOG_DEBUG_SUPERSEDED("%s. (rcveive len[%d], max len[%d], packet len[%lld])",
-                                answer->length < capacity ? "read completed"
-                                                          : "There is no buf space",
-                                answer->length, answer->size, (long long)answer->end);
+    PELKIN_LOG_SUPERSEDED_AS(answer->receiver,
+                             "%s. (rcveive len[%d], max len[%d], packet len[%lld])",
+                             answer->length < capacity ? "read completed" : "There is no buf space",
+                             answer->length, answer->size, (long long)answer->end);
     return true;
 }
 
@@ -142,7 +150,7 @@ static void receive_bytes(int32_t sock, SSL *tls, answer_reader read_some, struc
     for (;;) {
         if (must_wait && pelkin_wait_socket(sock, PELKIN_HTTP_WAIT_S, 0, mode) <= 0) {
             if (answer->length == 0) {
-                PELKIN_LOG_ERROR("Socket I/O Read Timeout");
+                PELKIN_LOG_AS(answer->receiver, ERROR, "Socket I/O Read Timeout");
             }
             return;
         }
@@ -168,11 +176,15 @@ static int32_t receive_answer(int32_t sock, SSL *tls, answer_reader read_some, c
                               int32_t size, int32_t *length)
 {
     buffer[0] = '\0';
-    struct answer answer = {
-        .buffer = buffer, .size = size, .length = 0, .head_length = 0, .end = -1};
+    struct answer answer = {.buffer = buffer,
+                            .size = size,
+                            .length = 0,
+                            .head_length = 0,
+                            .end = -1,
+                            .receiver = tls != nullptr ? tls_receiver : plain_receiver};
     receive_bytes(sock, tls, read_some, &answer);
     if (!is_cleanly_ended(&answer)) {
-        (void)shutdown(sock, SHUT_RDWR);
+        shutdown(sock, SHUT_RDWR);
     }
     *length = answer.length;
     return answer.length > 0 ? 0 : -1;
@@ -250,57 +262,62 @@ int32_t pelkin_send_https_req(SSL *tls, const char *request, int32_t length,
     return rc;
 }
 
-static int32_t attempt(const int32_t *sock, SSL *tls, const struct http_task *task,
-                       const char *request, int32_t request_length, char *response, int32_t size,
-                       int32_t *length)
+// What an attempt needs: the request's text, and room for its answer.
+struct exchange {
+    const struct http_task *task;
+    const char *request;
+    int32_t request_length;
+    char *response; // of `size` bytes
+    int32_t size;
+    int32_t *length; // of the answer
+};
+
+static int32_t attempt_plain(int32_t sock, const struct exchange *exchange)
 {
-    if (task->is_https != 0) {
-        if (pelkin_send_https_req(tls, request, request_length, task) < 0) {
-            PELKIN_LOG_ERROR("send https request fail.");
-            return -1;
-        }
-        if (pelkin_recv_https_rsp(sock, tls, response, size, length, task) < 0) {
-            PELKIN_LOG_ERROR("receive https response fail.");
-            return -1;
-        }
-        return 0;
-    }
-    if (pelkin_send_http_req(*sock, request, request_length, task) < 0) {
-        PELKIN_LOG_ERROR("send http request fail.");
+    if (pelkin_send_http_req(sock, exchange->request, exchange->request_length, exchange->task) <
+        0) {
+        PELKIN_LOG_AS("_pelkin_send_recv", ERROR, "send http request fail.");
         return -1;
     }
-    if (pelkin_recv_http_rsp(*sock, response, size, length, task) < 0) {
-        PELKIN_LOG_ERROR("receive http response fail.");
+    if (pelkin_recv_http_rsp(sock, exchange->response, exchange->size, exchange->length,
+                             exchange->task) < 0) {
+        PELKIN_LOG_AS("_pelkin_send_recv", ERROR, "receive http response fail.");
         return -1;
     }
     return 0;
 }
 
-static int32_t reconnect(int32_t *sock, SSL *tls, const struct http_task *task)
+static int32_t attempt_tls(const int32_t *sock, SSL *tls, const struct exchange *exchange)
 {
-    (void)close(*sock);
-    *sock = pelkin_create_tcp_socket();
-    if (*sock < 0) {
-        PELKIN_LOG_ERROR("create tcp socket fail.");
+    if (pelkin_send_https_req(tls, exchange->request, exchange->request_length, exchange->task) <
+        0) {
+        PELKIN_LOG_AS("_pelkin_send_recv", ERROR, "send https request fail.");
         return -1;
     }
-    const uint16_t port = pelkin_port(task->is_https);
-    if (pelkin_connect_tcp_socket(*sock, tls, task->host, port) != 0) {
-        PELKIN_LOG_ERROR("can't connect to %s:%d", task->host, port);
+    if (pelkin_recv_https_rsp(sock, tls, exchange->response, exchange->size, exchange->length,
+                              exchange->task) < 0) {
+        PELKIN_LOG_AS("_pelkin_send_recv", ERROR, "receive https response fail.");
         return -1;
     }
     return 0;
+}
+
+static int32_t attempt(const int32_t *sock, SSL *tls, const struct exchange *exchange)
+{
+    return exchange->task->is_https != 0 ? attempt_tls(sock, tls, exchange)
+                                         : attempt_plain(*sock, exchange);
 }
 
 // Leaves the body at the start of the buffer; an answer without one stays as it is, head included.
 static int32_t cut_head(char *response, int32_t *length)
 {
     static const char blank_line[] = "\r\n\r\n";
-    PELKIN_LOG_DEBUG_SUPERSEDED("Recv http response: [len=%d] %s", *length, response);
+    PELKIN_LOG_SUPERSEDED_AS("_pelkin_send_recv", "Recv http response: [len=%d] %s", *length,
+                             response);
     const char *found = strstr(response, blank_line);
     if (found == nullptr) {
         *length = 0;
-        PELKIN_LOG_ERROR("can't find 2 CRLF in the response.");
+        PELKIN_LOG_AS("_pelkin_send_recv", ERROR, "can't find 2 CRLF in the response.");
         return -1;
     }
     const char *body = found + sizeof blank_line - 1;
@@ -320,16 +337,22 @@ int32_t _pelkin_send_recv(int32_t *sock, SSL *tls, const struct http_task *task,
     }
     char request[PELKIN_HTTP_REQ_MAX];
     int32_t request_length = 0;
-    (void)pelkin_build_http_req(task, request, sizeof request, &request_length);
+    pelkin_build_http_req(task, request, sizeof request, &request_length);
     PELKIN_LOG_DEBUG("Send http request:[len=%d] %s", request_length, request);
 
-    for (int32_t round = 1;
-         attempt(sock, tls, task, request, request_length, response, size, length) != 0; round++) {
+    const struct exchange exchange = {.task = task,
+                                      .request = request,
+                                      .request_length = request_length,
+                                      .response = response,
+                                      .size = size,
+                                      .length = length};
+    for (int32_t round = 1; attempt(sock, tls, &exchange) != 0; round++) {
         if (round > PELKIN_HTTP_RETRIES) {
             return -1;
         }
         PELKIN_LOG_DEBUG("to retry, round %d", round);
-        if (reconnect(sock, tls, task) != 0) {
+        close(*sock);
+        if (pelkin_open_connection(__func__, sock, tls, task->host, task->is_https) != 0) {
             return -1;
         }
     }

@@ -71,8 +71,7 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
     worker->is_https = record->is_https;
     memcpy(worker->host, record->host, sizeof worker->host);
     worker->sock = -1;
-    worker->context = pelkin_ctx;
-    (void)SSL_CTX_up_ref(worker->context);
+    worker->context = pelkin_hold_ctx();
 
     pthread_t thread;
     (void)__atomic_add_fetch(&live_workers, 1, __ATOMIC_RELAXED);
@@ -107,21 +106,12 @@ static int32_t connect_to_server(struct worker *worker)
     if (worker->is_https != 0) {
         worker->tls = pelkin_create_ssl(worker->context);
         if (worker->tls == nullptr) {
-            PELKIN_LOG_ERROR("create ssl fail.");
+            PELKIN_LOG_AS("social_media_thread", ERROR, "create ssl fail.");
             return -1;
         }
     }
-    worker->sock = pelkin_create_tcp_socket();
-    if (worker->sock < 0) {
-        PELKIN_LOG_ERROR("create tcp socket fail.");
-        return -1;
-    }
-    const uint16_t port = pelkin_port(worker->is_https);
-    if (pelkin_connect_tcp_socket(worker->sock, worker->tls, worker->host, port) != 0) {
-        PELKIN_LOG_ERROR("can't connect to %s:%d", worker->host, port);
-        return -1;
-    }
-    return 0;
+    return pelkin_open_connection("social_media_thread", &worker->sock, worker->tls, worker->host,
+                                  worker->is_https);
 }
 
 // The text that goes out with the request takes the place of the task's data; the data as it

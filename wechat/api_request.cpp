@@ -11,11 +11,13 @@ static const char API_HOST[] = PELKIN_WECHAT_API_HOST;
 static_assert(sizeof API_HOST > 1 && sizeof API_HOST <= HTTP_TASK_HOST_SIZE,
               "PELKIN_WECHAT_API_HOST has 1 to 127 characters");
 
-static SSL_CTX *context;
+static SSL_CTX *context; // null: the daemon's own
 
 void wechat_use_context(SSL_CTX *tls_context)
 {
-    (void)SSL_CTX_up_ref(tls_context);
+    if (tls_context != nullptr) {
+        SSL_CTX_up_ref(tls_context);
+    }
     SSL_CTX_free(context);
     context = tls_context;
 }
@@ -33,35 +35,26 @@ void wechat_prepare_task(struct http_task *task, uint32_t http_req_type)
 static int32_t connect_and_exchange(int32_t *sock, SSL *tls, const struct http_task *task,
                                     char *buf, int32_t buf_size, int32_t *out_len)
 {
-    *sock = pelkin_create_tcp_socket();
-    if (*sock < 0) {
-        PELKIN_LOG_ERROR("create tcp socket fail.");
+    if (pelkin_open_connection("wechat_send_recv", sock, tls, task->host, task->is_https) != 0) {
         return -1;
     }
-    const uint16_t port = pelkin_port(task->is_https);
-    const int32_t connected = pelkin_connect_tcp_socket(*sock, tls, task->host, port);
-    if (connected != 0) {
-        PELKIN_LOG_ERROR("can't connect to %s:%d", task->host, port);
-        return connected;
-    }
+    memset(buf, 0, (size_t)buf_size);
+    *out_len = 0;
     const int32_t exchanged = _pelkin_send_recv(sock, tls, task, buf, buf_size, out_len);
     if (exchanged != 0) {
-        PELKIN_LOG_ERROR("Send/Recv http(s) failed.");
+        PELKIN_LOG_AS("wechat_send_recv", ERROR, "Send/Recv http(s) failed.");
         return exchanged;
     }
-    PELKIN_LOG_DEBUG("rcv: len:%d, buf:%s", *out_len, buf);
+    PELKIN_LOG_AS("wechat_send_recv", DEBUG, "rcv: len:%d, buf:%s", *out_len, buf);
     return 0;
 }
 
 int32_t wechat_send_recv(const struct http_task *task, char *buf, int32_t buf_size,
                          int32_t *out_len)
 {
-    // The exchange ends all that it stores with a NUL, so the rest needs no clearing.
-    buf[0] = '\0';
-    *out_len = 0;
     SSL *tls = nullptr;
     if (task->is_https != 0) {
-        tls = pelkin_create_ssl(context);
+        tls = pelkin_create_ssl(context != nullptr ? context : pelkin_ctx);
         if (tls == nullptr) {
             PELKIN_LOG_ERROR("create ssl fail.");
             return -1;
@@ -70,7 +63,7 @@ int32_t wechat_send_recv(const struct http_task *task, char *buf, int32_t buf_si
     int32_t sock = -1;
     const int32_t rc = connect_and_exchange(&sock, tls, task, buf, buf_size, out_len);
     if (sock >= 0) {
-        (void)close(sock);
+        close(sock);
     }
     SSL_free(tls);
     return rc;

@@ -287,7 +287,7 @@ static const struct {
     {"failed to check client(", mark_request<&Request::is_unchecked>},
     {"to free client(", mark_request<&Request::is_finished>},
     {"perform_task():Send/Recv http(s) failed.", fail_exchange},
-    {"connect_to_server():can't connect to ", fail_to_connect},
+    {"social_media_thread():can't connect to ", fail_to_connect},
     {"failed to send ipc msg."},
     {"Failed to send del sta("},
     {"Success to send request to kivren."},
