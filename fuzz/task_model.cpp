@@ -1,6 +1,7 @@
 #include "fuzz/task_model.h"
 
 #include <algorithm>
+#include <ctype.h>
 #include <string.h>
 
 #include "fuzz/harness.h"
@@ -18,7 +19,10 @@ static bool split_url(std::string url, struct http_task *task)
     const std::string host = url.substr(0, url.find('/'));
     std::string path = url.substr(host.size());
     path = path.empty() ? "/" : path.substr(0, path.find_first_of(" \t\n\v\f\r"));
-    if (host.empty() || host.size() > 127) {
+    const bool is_name = std::all_of(host.begin(), host.end(), [](char byte) {
+        return isalnum((unsigned char)byte) != 0 || strchr("-._:", byte) != nullptr;
+    });
+    if (host.empty() || host.size() > 127 || !is_name) {
         return false;
     }
     memcpy(task->host, host.data(), host.size());

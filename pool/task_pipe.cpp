@@ -41,7 +41,7 @@ int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
     pipe_fd[0] = ends[0];
     pipe_fd[1] = ends[1];
     const int flags = fcntl(ends[1], F_GETFL);
-    (void)fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
+    fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
     // Best effort: with less, fewer tasks can wait, and a hand-off that finds no room says so.
     (void)fcntl(ends[1], F_SETPIPE_SZ, TASK_PIPE_CAPACITY);
     return 0;
@@ -60,9 +60,7 @@ static bool has_room_for(int32_t write_end, size_t length)
     return used + needed <= (size_t)capacity / page;
 }
 
-// Whether the worker has closed its end. Its unread bytes count on as if it could still read them,
-// so a full pipe does not tell.
-static bool has_lost_its_reader(int32_t write_end)
+bool pelkin_has_lost_its_reader(int32_t write_end)
 {
     struct pollfd watched = {.fd = write_end, .events = 0, .revents = 0};
     return poll(&watched, 1, 0) == 1 && (watched.revents & POLLERR) != 0;
@@ -70,11 +68,12 @@ static bool has_lost_its_reader(int32_t write_end)
 
 static void log_send_error(int error)
 {
-    const char *reason = error_text(error);
     if (error == EAGAIN) {
-        PELKIN_LOG_ERROR("failed to send data, send buffer is full? err(%d):%s", error, reason);
+        PELKIN_LOG_AS("send_data", ERROR, "failed to send data, send buffer is full? err(%d):%s",
+                      error, error_text(error));
     } else {
-        PELKIN_LOG_ERROR("failed to send data, err(%d):%s", error, reason);
+        PELKIN_LOG_AS("send_data", ERROR, "failed to send data, err(%d):%s", error,
+                      error_text(error));
     }
 }
 
@@ -108,7 +107,7 @@ int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
 {
     const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
     if (length > PIPE_BUF && !has_room_for(write_end, length)) {
-        const int error = has_lost_its_reader(write_end) ? EPIPE : EAGAIN;
+        const int error = pelkin_has_lost_its_reader(write_end) ? EPIPE : EAGAIN;
         log_send_error(error);
         return error;
     }

@@ -6,6 +6,7 @@
 #ifndef PELKIN_POOL_TASK_PIPE_H
 #define PELKIN_POOL_TASK_PIPE_H
 
+#include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -37,6 +38,12 @@ int32_t pelkin_send_task(int32_t write_end, const struct http_task *task);
  * on an error or a `dataLen` out of range (logged). Worker; blocks while the pipe is empty.
  */
 int32_t pelkin_rcv_task(int32_t read_end, struct http_task *task);
+
+/*
+ * Whether the worker has closed its end: its unread bytes count on as if it could still read them,
+ * so a full pipe does not tell. Main thread.
+ */
+bool pelkin_has_lost_its_reader(int32_t write_end);
 
 /* Writes all of `buffer`: 0, or the errno value that stopped it (logged). */
 int32_t send_data(int32_t fd, const void *buffer, size_t length);

@@ -8,6 +8,8 @@
 #include "log/log.h"
 #include "platform/error_text.h"
 
+static const char CREATION[] = "pelkin_create_a_thread";
+
 // As semctl(2) wants the caller to define it.
 union semun {
     int val;
@@ -19,16 +21,16 @@ int32_t pelkin_make_task_slots(void)
 {
     const int sem_id = semget(IPC_PRIVATE, 1, 0777);
     if (sem_id < 0) {
-        PELKIN_LOG_ERROR("Unable to create semaphore: %s", error_text(errno));
+        PELKIN_LOG_AS(CREATION, ERROR, "Unable to create semaphore: %s", error_text(errno));
         return -1;
     }
     const union semun slots = {.val = PELKIN_TASK_SLOTS};
     if (semctl(sem_id, 0, SETVAL, slots) < 0) {
-        PELKIN_LOG_ERROR("semctl() error: %s", error_text(errno));
+        PELKIN_LOG_AS(CREATION, ERROR, "semctl() error: %s", error_text(errno));
         pelkin_remove_task_slots(sem_id);
         return -1;
     }
-    PELKIN_LOG_DEBUG("Init thread task slots to %d", pelkin_count_task_slots(sem_id));
+    PELKIN_LOG_AS(CREATION, DEBUG, "Init thread task slots to %d", pelkin_count_task_slots(sem_id));
     return sem_id;
 }
 

@@ -14,6 +14,7 @@
 #include "http/exchange.h"
 #include "log/log.h"
 #include "platform/error_text.h"
+#include "platform/thread_name.h"
 #include "platform/thread_start.h"
 #include "pool/answer_file.h"
 #include "pool/task_pipe.h"
@@ -21,6 +22,9 @@
 #include "social/fbauth.h"
 #include "social/reauth_answer.h"
 #include "social/reauth_request.h"
+
+static const char WORKER[] = "social_media_thread";
+static const char CREATION[] = "pelkin_create_a_thread";
 
 /*
  * All that a worker has. It lives in pages of its own, mapped at its start and unmapped at its end:
@@ -62,7 +66,7 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
     void *memory = mmap(nullptr, sizeof(struct worker), PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
-        PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
+        PELKIN_LOG_AS(CREATION, ERROR, "cannot start social_media_thread thread.");
         return -1;
     }
     struct worker *worker = (struct worker *)memory;
@@ -76,14 +80,15 @@ int32_t pelkin_start_worker(const THREAD_RECORD *record)
     pthread_t thread;
     (void)__atomic_add_fetch(&live_workers, 1, __ATOMIC_RELAXED);
     if (start_thread(&thread, social_media_thread, worker) != 0) {
-        PELKIN_LOG_ERROR("cannot start social_media_thread thread.");
+        PELKIN_LOG_AS(CREATION, ERROR, "cannot start social_media_thread thread.");
         (void)__atomic_sub_fetch(&live_workers, 1, __ATOMIC_RELAXED);
         free_worker(worker);
         return -1;
     }
     const int error = pthread_detach(thread);
     if (error != 0) {
-        PELKIN_LOG_ERROR("Cannot detach thread, errno:%d,%s\n", error, error_text(error));
+        PELKIN_LOG_AS(CREATION, ERROR, "Cannot detach thread, errno:%d,%s\n", error,
+                      error_text(error));
     }
     return 0;
 }
@@ -126,7 +131,7 @@ static void prepare_request_text(struct worker *worker)
     if (task->msg_id == PELKIN_MSG_REAUTH_REQ) {
         struct reauth_attr *attrs = (struct reauth_attr *)worker->data_copy;
         pelkin_cut_reauth_attr(attrs, length);
-        (void)pelkin_build_reauth_data((char *)task->data, sizeof task->data, attrs);
+        pelkin_build_reauth_data((char *)task->data, sizeof task->data, attrs);
     } else if (length > PELKIN_MAC_SIZE) {
         const size_t rest = length - PELKIN_MAC_SIZE;
         memcpy(task->data, worker->data_copy + PELKIN_MAC_SIZE,
@@ -145,17 +150,18 @@ static void clear_data(struct worker *worker)
 static void analyse(const struct worker *worker)
 {
     if (pelkin_switch_is_on(&ignore_fb_token_verification_result) != 0) {
-        PELKIN_LOG_DEBUG("ignore fb token verification result.");
+        PELKIN_LOG_AS(WORKER, DEBUG, "ignore fb token verification result.");
     } else if (worker->task.msg_id == PELKIN_MSG_REAUTH_REQ) {
-        (void)pelkin_check_reauth_resp((const struct reauth_attr *)worker->data_copy,
-                                       worker->response, worker->response_length);
+        pelkin_check_reauth_resp((const struct reauth_attr *)worker->data_copy, worker->response,
+                                 worker->response_length);
     } else if (worker->task.msg_id == PELKIN_MSG_FBAUTH_REQ &&
                worker->task.dataLen < PELKIN_MAC_SIZE) {
         // What did not come reads as zeros: with them it would be another station's address.
-        PELKIN_LOG_ERROR("fbauth request without a station, data length:%d", worker->task.dataLen);
+        PELKIN_LOG_AS(WORKER, ERROR, "fbauth request without a station, data length:%d",
+                      worker->task.dataLen);
     } else if (worker->task.msg_id == PELKIN_MSG_FBAUTH_REQ) {
-        (void)pelkin_analysis_fbauth_resp((const struct fbauth_attr *)worker->data_copy,
-                                          worker->response);
+        pelkin_analysis_fbauth_resp((const struct fbauth_attr *)worker->data_copy,
+                                    worker->response);
     }
 }
 
@@ -166,13 +172,12 @@ static void deliver(const struct worker *worker)
     const size_t length = (size_t)worker->response_length;
     switch (task->resp_method) {
     case PELKIN_RESP_FILE:
-        PELKIN_LOG_DEBUG("Will send response to file: %s", task->file_path);
-        (void)pelkin_send_to_file(task->file_path, worker->response, length);
+        PELKIN_LOG_AS(WORKER, DEBUG, "Will send response to file: %s", task->file_path);
+        pelkin_send_to_file(task->file_path, worker->response, length);
         break;
     case PELKIN_RESP_SOCKET:
-        PELKIN_LOG_DEBUG("Will send response back to the socket.");
-        (void)pelkin_send_to_socket(pelkin_sock, worker->response, length, &task->peer_addr,
-                                    task->peer_addr_len);
+        PELKIN_LOG_AS(WORKER, DEBUG, "Will send response back to the socket.");
+        pelkin_send_answer(worker->response, length, &task->peer_addr, task->peer_addr_len);
         break;
     case PELKIN_RESP_ANALYSE:
         analyse(worker);
@@ -185,9 +190,9 @@ static void deliver(const struct worker *worker)
 static int32_t perform_task(struct worker *worker)
 {
     const struct http_task *task = &worker->task;
-    PELKIN_LOG_DEBUG_SUPERSEDED("thread %s:%d received a task, current available task slots %d",
-                                worker->host, pelkin_port(worker->is_https),
-                                pelkin_count_task_slots(worker->sem_id));
+    PELKIN_LOG_SUPERSEDED_AS(
+        WORKER, "thread %s:%d received a task, current available task slots %d", worker->host,
+        pelkin_port(worker->is_https), pelkin_count_task_slots(worker->sem_id));
     pelkin_print_task(task);
     // Slots count the tasks that wait in the pipe, not the one in progress.
     pelkin_return_task_slot(worker->sem_id);
@@ -195,14 +200,15 @@ static int32_t perform_task(struct worker *worker)
     worker->response_length = 0;
     if (_pelkin_send_recv(&worker->sock, worker->tls, task, worker->response,
                           sizeof worker->response, &worker->response_length) != 0) {
-        PELKIN_LOG_ERROR("Send/Recv http(s) failed.");
+        PELKIN_LOG_AS(WORKER, ERROR, "Send/Recv http(s) failed.");
         return -1;
     }
-    PELKIN_LOG_DEBUG_SUPERSEDED("rcv: len[%d], buf[%s]", worker->response_length, worker->response);
+    PELKIN_LOG_SUPERSEDED_AS(WORKER, "rcv: len[%d], buf[%s]", worker->response_length,
+                             worker->response);
     deliver(worker);
     clear_data(worker);
-    PELKIN_LOG_DEBUG("thread %s:%d finished task (msg_id:%0x) processing", worker->host,
-                     pelkin_port(worker->is_https), task->msg_id);
+    PELKIN_LOG_AS(WORKER, DEBUG, "thread %s:%d finished task (msg_id:%0x) processing", worker->host,
+                  pelkin_port(worker->is_https), task->msg_id);
     return 0;
 }
 
@@ -215,18 +221,20 @@ static void perform_tasks(struct worker *worker)
         }
     }
     if (rc == 0) {
-        PELKIN_LOG_NOTICE("thread %s:%d will exit because write side pipe has been closed.",
-                          worker->host, pelkin_port(worker->is_https));
+        PELKIN_LOG_AS(WORKER, NOTICE,
+                      "thread %s:%d will exit because write side pipe has been closed.",
+                      worker->host, pelkin_port(worker->is_https));
     } else {
-        PELKIN_LOG_ERROR("thread %s:%d will exit because error occurred.", worker->host,
-                         pelkin_port(worker->is_https));
+        PELKIN_LOG_AS(WORKER, ERROR, "thread %s:%d will exit because error occurred.", worker->host,
+                      pelkin_port(worker->is_https));
     }
 }
 
 void *social_media_thread(void *start)
 {
     struct worker *worker = (struct worker *)start;
-    (void)crashdump_thread_init();
+    crashdump_thread_init();
+    name_this_thread(worker->host);
     PELKIN_LOG_NOTICE("thread begin: %s:%d", worker->host, pelkin_port(worker->is_https));
     if (connect_to_server(worker) == 0) {
         perform_tasks(worker);

@@ -15,11 +15,29 @@
 
 THREAD_RECORD *pelkin_thread_list;
 
+// The records by server, so that a request costs the same beside a thousand workers: each bucket
+// chains those of a few servers in the list's order. A power of two.
+static const uint32_t BUCKETS = 256;
+static THREAD_RECORD *buckets[BUCKETS];
+
+// FNV-1a (draft-eastlake-fnv-17, 32 bits). Callers choose the hosts, but each costs them a worker.
+static THREAD_RECORD **find_bucket(uint32_t is_https, const char *host)
+{
+    uint32_t hash = 2166136261u ^ is_https;
+    for (; *host != '\0'; host++) {
+        hash = (hash ^ (uint8_t)*host) * 16777619u;
+    }
+    return &buckets[hash % BUCKETS];
+}
+
 int32_t pelkin_print_all_thread_record(const THREAD_RECORD *head)
 {
     if (head == nullptr) {
         PELKIN_LOG_DEBUG("thread list is blank.");
         return -1;
+    }
+    if (pelkin_log_printed(TU_LEVEL_DEBUG) == 0) {
+        return 0;
     }
     const int32_t minute = pelkin_cur_minute();
     int32_t number = 1;
@@ -40,8 +58,9 @@ static bool serves(const THREAD_RECORD *record, uint32_t is_https, const char *h
 
 THREAD_RECORD *pelkin_find_a_thread(uint32_t is_https, const char *host)
 {
-    (void)pelkin_print_all_thread_record(pelkin_thread_list);
-    for (THREAD_RECORD *record = pelkin_thread_list; record != nullptr; record = record->next) {
+    pelkin_print_all_thread_record(pelkin_thread_list);
+    for (THREAD_RECORD *record = *find_bucket(is_https, host); record != nullptr;
+         record = record->bucket_next) {
         if (!serves(record, is_https, host)) {
             continue;
         }
@@ -71,21 +90,69 @@ static void append_record(THREAD_RECORD *record)
     } else {
         tail->next = record;
     }
+    THREAD_RECORD **link = find_bucket(record->is_https, record->host);
+    while (*link != nullptr) {
+        link = &(*link)->bucket_next;
+    }
+    *link = record;
 }
 
-// Makes the record's pipe, its slots and its worker. 0, or -1 (logged); what was made stays in the
-// record.
+static void leave_bucket(THREAD_RECORD *record)
+{
+    THREAD_RECORD **link = find_bucket(record->is_https, record->host);
+    while (*link != nullptr && *link != record) {
+        link = &(*link)->bucket_next;
+    }
+    if (*link != nullptr) {
+        *link = record->bucket_next;
+    }
+}
+
+// Deletes the records whose workers have ended by themselves: their descriptors and semaphores are
+// of no more use. Whether there were any.
+static bool sweep_ended_workers(void)
+{
+    bool has_swept = false;
+    for (THREAD_RECORD *record = pelkin_thread_list; record != nullptr;) {
+        THREAD_RECORD *next = record->next;
+        if (pelkin_has_lost_its_reader(record->pipe_fd[1])) {
+            pelkin_del_one_thread_record(record, &pelkin_thread_list);
+            has_swept = true;
+        }
+        record = next;
+    }
+    return has_swept;
+}
+
+// Closes the write end and removes the slots, as far as they are there.
+static void release_equipment(THREAD_RECORD *record)
+{
+    if (record->pipe_fd[1] >= 0) {
+        close(record->pipe_fd[1]);
+        record->pipe_fd[1] = -1;
+    }
+    if (record->sem_id >= 0) {
+        pelkin_remove_task_slots(record->sem_id);
+        record->sem_id = -1;
+    }
+}
+
+// Makes the record's pipe, its slots and its worker. 0, or -1 (logged); what was made is released.
 static int32_t equip_record(THREAD_RECORD *record)
 {
     if (pelkin_open_task_pipe(record->pipe_fd) != 0) {
-        PELKIN_LOG_ERROR("Unable to create pipe: %s", error_text(errno));
+        PELKIN_LOG_AS("pelkin_create_a_thread", ERROR, "Unable to create pipe: %s",
+                      error_text(errno));
         return -1;
     }
     record->sem_id = pelkin_make_task_slots();
-    if (record->sem_id < 0) {
-        return -1;
+    if (record->sem_id >= 0 && pelkin_start_worker(record) == 0) {
+        return 0;
     }
-    return pelkin_start_worker(record);
+    close(record->pipe_fd[0]);
+    record->pipe_fd[0] = -1;
+    release_equipment(record);
+    return -1;
 }
 
 THREAD_RECORD *pelkin_create_a_thread(uint32_t is_https, const char *host)
@@ -101,13 +168,11 @@ THREAD_RECORD *pelkin_create_a_thread(uint32_t is_https, const char *host)
     record->last_used_time = pelkin_cur_minute();
     record->is_https = is_https;
     (void)snprintf(record->host, sizeof record->host, "%s", host);
-    if (equip_record(record) != 0) {
+    // What workers that have ended still hold may be just what is missing.
+    if (equip_record(record) != 0 && (!sweep_ended_workers() || equip_record(record) != 0)) {
         PELKIN_LOG_DEBUG("failed to create social_media_thread: %s:%d", host,
                          pelkin_port(is_https));
-        if (record->pipe_fd[0] >= 0) {
-            (void)close(record->pipe_fd[0]);
-        }
-        (void)pelkin_free_thread_record(record);
+        pelkin_free_thread_record(record);
         return nullptr;
     }
     append_record(record);
@@ -120,12 +185,7 @@ int32_t pelkin_free_thread_record(THREAD_RECORD *record)
     if (record == nullptr) {
         return 0;
     }
-    if (record->pipe_fd[1] >= 0) {
-        (void)close(record->pipe_fd[1]);
-    }
-    if (record->sem_id >= 0) {
-        pelkin_remove_task_slots(record->sem_id);
-    }
+    release_equipment(record);
     free(record);
     return 0;
 }
@@ -140,6 +200,7 @@ int32_t pelkin_del_one_thread_record(THREAD_RECORD *record, THREAD_RECORD **head
     if (record->next != nullptr) {
         record->next->prev = record->prev;
     }
+    leave_bucket(record);
     PELKIN_LOG_DEBUG("Delete thread RECORD: %s:%d, last_used_time:%d, cur_minute:%d", record->host,
                      pelkin_port(record->is_https), record->last_used_time, pelkin_cur_minute());
     return pelkin_free_thread_record(record);
@@ -155,7 +216,7 @@ void pelkin_release_idle_threads(THREAD_RECORD **head)
     for (THREAD_RECORD *record = *head; record != nullptr;) {
         THREAD_RECORD *next = record->next;
         if (record->last_used_time + PELKIN_IDLE_MINUTES < minute) {
-            (void)pelkin_del_one_thread_record(record, head);
+            pelkin_del_one_thread_record(record, head);
         }
         record = next;
     }
@@ -172,7 +233,7 @@ int32_t pelkin_release_all_threads(THREAD_RECORD **head)
         return -1;
     }
     while (*head != nullptr) {
-        (void)pelkin_del_one_thread_record(*head, head);
+        pelkin_del_one_thread_record(*head, head);
     }
     return 0;
 }

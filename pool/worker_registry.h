@@ -1,9 +1,8 @@
 /*
  * The registry of workers: one thread record per worker, with the write end of its task pipe and
  * its count of free task slots. A worker is known by host text and scheme flag; when all workers
- * for a server have their slots taken, a further one is started for it. Choosing a worker for a
- * task and writing it into the pipe is the intake's business, carrying it out the worker's
- * (pool/worker.h).
+ * for a server have their slots taken, a further one is started for it. Handing a task over is
+ * pool/hand_over.h, carrying it out the worker's business (pool/worker.h).
  *
  * Main thread only: there is no lock, and a worker never sees its record.
  */
@@ -29,6 +28,7 @@ typedef struct THREAD_RECORD {
     char host[HTTP_TASK_HOST_SIZE];
     struct THREAD_RECORD *prev;
     struct THREAD_RECORD *next;
+    struct THREAD_RECORD *bucket_next; /* next one of the registry's index */
 } THREAD_RECORD;
 
 /* Head of the list of all workers, oldest first. Main thread only. */
@@ -42,7 +42,8 @@ THREAD_RECORD *pelkin_find_a_thread(uint32_t is_https, const char *host);
 
 /*
  * Starts a worker for this server and appends its record, which the list owns; no slot is taken.
- * Null on failure (logged), with nothing left behind.
+ * When there is no room for it, the records of workers that have ended are deleted and it is tried
+ * once more. Null on failure (logged), with nothing left behind.
  */
 THREAD_RECORD *pelkin_create_a_thread(uint32_t is_https, const char *host);
 

@@ -8,6 +8,7 @@
 #include "log/field.h"
 #include "log/log.h"
 #include "platform/retry_pause.h"
+#include "platform/thread_name.h"
 #include "platform/thread_start.h"
 #include "pool/minute_clock.h"
 #include "wechat/access_token.h"
@@ -88,7 +89,8 @@ int32_t wechat_check_clients_of_all_accounts(void)
 
 void *wechat_thread(void *)
 {
-    (void)crashdump_thread_init();
+    crashdump_thread_init();
+    name_this_thread("wechat");
     uint32_t failed_waits = 0;
     for (;;) {
         struct timeval wait = {.tv_sec = WECHAT_CHECK_PERIOD_S, .tv_usec = 0};

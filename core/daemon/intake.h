@@ -31,7 +31,7 @@ int32_t pelkin_rcv_ipc_msg(void *message, int32_t received_length,
  * Takes one HTTP request, envelope included. 0 when it was dropped by the switch or reached the
  * hand-over (which may have failed), -1 when it failed before.
  */
-int32_t social_media_req_msg_proc(const void *message, const struct sockaddr_un *sender_address,
+int32_t social_media_req_msg_proc(void *message, const struct sockaddr_un *sender_address,
                                   socklen_t sender_address_length);
 
 /*

@@ -12,7 +12,10 @@
 #include "log/log.h"
 #include "platform/error_text.h"
 #include "platform/retry_pause.h"
+#include "pool/minute_clock.h"
 #include "pool/worker_registry.h"
+
+static const char LOOP[] = "pelkin_main_loop";
 
 enum loop_verdict {
     LOOP_GOES_ON,
@@ -29,12 +32,12 @@ static enum loop_verdict receive_request(void)
     const ssize_t received =
         recvfrom(pelkin_sock, buffer, sizeof buffer, 0, (struct sockaddr *)&sender, &sender_length);
     if (received > 0) {
-        (void)pelkin_rcv_ipc_msg(buffer, (int32_t)received, &sender, sender_length);
+        pelkin_rcv_ipc_msg(buffer, (int32_t)received, &sender, sender_length);
         memset(buffer, 0, (size_t)received);
     } else if (received < 0) {
         const int error = errno;
-        PELKIN_LOG_ERROR("VOK_RECVFROM returns %d -- %s (%d)", (int)received, error_text(error),
-                         error);
+        PELKIN_LOG_AS(LOOP, ERROR, "VOK_RECVFROM returns %d -- %s (%d)", (int)received,
+                      error_text(error), error);
         return error == EBADF || error == ENOTSOCK ? LOOP_ENDS : LOOP_FAILED;
     }
     return LOOP_GOES_ON;
@@ -52,7 +55,8 @@ static enum loop_verdict run_one_pass(void)
     pelkin_mark_alive();
     pelkin_report_lost_signals();
     if (ready < 0) {
-        PELKIN_LOG_WARNING("Select() returns %d -- %s (%d)", ready, error_text(error), error);
+        PELKIN_LOG_AS(LOOP, WARNING, "Select() returns %d -- %s (%d)", ready, error_text(error),
+                      error);
         return error == EBADF ? LOOP_ENDS : LOOP_FAILED;
     }
     if (ready == 0) {
@@ -72,12 +76,18 @@ static enum loop_verdict run_one_pass(void)
 void pelkin_main_loop(void)
 {
     uint32_t failed_passes = 0;
+    int32_t released_minute = pelkin_cur_minute();
     for (;;) {
         const enum loop_verdict verdict = run_one_pass();
         if (verdict == LOOP_ENDS) {
             return;
         }
-        pelkin_release_idle_threads(&pelkin_thread_list);
+        // A worker can fall idle only with the minute: most passes have nothing to look for.
+        const int32_t minute = pelkin_cur_minute();
+        if (minute != released_minute) {
+            released_minute = minute;
+            pelkin_release_idle_threads(&pelkin_thread_list);
+        }
         if (verdict == LOOP_FAILED) {
             retry_pause(&failed_passes);
         } else {

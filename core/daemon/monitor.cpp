@@ -14,7 +14,9 @@
 #include "log/log.h"
 #include "platform/error_text.h"
 #include "platform/retry_pause.h"
+#include "platform/thread_name.h"
 
+static const char MONITOR[] = "pelkin_vokmon_reply";
 static const int WAIT_MS = 5000;
 
 uint8_t vokmon_module_id;
@@ -34,9 +36,14 @@ int32_t vokmon_open_sock(const char *path, uint8_t module_id)
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path, strnlen(path, sizeof address.sun_path));
-    (void)unlink(path);
+    // An empty directory in its place goes as a file would; one with something in it stays.
+    if (unlink(path) != 0 && errno == EISDIR) {
+        rmdir(path);
+    }
     if (bind(fd, (const struct sockaddr *)&address, sizeof address) != 0) {
-        (void)close(fd);
+        const int error = errno;
+        close(fd);
+        errno = error;
         return -1;
     }
     return fd;
@@ -78,19 +85,24 @@ static bool answer_if_alive(int32_t fd)
     (void)pthread_mutex_unlock(&pelkin_timestamp_lock);
     const int age_s = (int)(time(nullptr) - marked);
     if (age_s >= PELKIN_STALE_AFTER_S) {
-        PELKIN_LOG_ERROR("Pelkin has been timeout for %d seconds.", age_s);
+        PELKIN_LOG_AS(MONITOR, ERROR, "Pelkin has been timeout for %d seconds.", age_s);
         return discard_datagram(fd);
     }
     errno = 0; // what was read and is no probe leaves it so
     const bool is_taken = vokmon_reply(fd) == 0 || errno == 0;
-    PELKIN_LOG_DEBUG("Pelkin udpated timestamp %d seconds ago.", age_s);
+    PELKIN_LOG_AS(MONITOR, DEBUG, "Pelkin udpated timestamp %d seconds ago.", age_s);
     return is_taken;
 }
 
 void *pelkin_vokmon_reply(void *)
 {
-    (void)crashdump_thread_init();
+    crashdump_thread_init();
+    name_this_thread("vokmon");
     const int32_t fd = vokmon_open_sock(PELKIN_MONITOR_SOCKET_PATH, PELKIN_MODULE_ID);
+    if (fd < 0) {
+        PELKIN_LOG_ERROR("no probe will be answered, cannot open %s: %s",
+                         PELKIN_MONITOR_SOCKET_PATH, error_text(errno));
+    }
     PELKIN_LOG_DEBUG("vokmonFd=%d", fd);
     // Without a socket (-1) poll() only sleeps, and the daemon runs on unanswering.
     struct pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};

@@ -49,8 +49,8 @@ void pelkin_report_lost_signals(void)
     const uint32_t lost = __atomic_exchange_n(&lost_signals, 0, __ATOMIC_ACQUIRE);
     for (uint32_t told = 0; told < lost && told < LOST_SIGNALS_TOLD; told++) {
         const int error = __atomic_load_n(&lost_signal_errno, __ATOMIC_RELAXED);
-        PELKIN_LOG_ERROR("write signal number to pipe fail. errno=%d,%s\n", error,
-                         error_text(error));
+        PELKIN_LOG_AS("pelkin_signal_handler", ERROR,
+                      "write signal number to pipe fail. errno=%d,%s\n", error, error_text(error));
     }
 }
 
