@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include "core/ipc_msg.h"
 
@@ -53,6 +54,16 @@ socklen_t pelkin_sendable_length(socklen_t reported);
  */
 int32_t pelkin_send_to_socket(int32_t sock, const void *buffer, size_t length, const void *address,
                               socklen_t address_length);
+
+/*
+ * Sends an answer of `length` bytes from the request socket to the requester at `address`. Answers
+ * that requesters leave unread are the sender's memory: when they fill half of what the socket may
+ * hold, no further one is sent, so that other messages keep room. None is sent through a symbolic
+ * link, with which a requester could have the daemon write to a socket that it may not write to
+ * itself. 0, or -1 after the message "failed to send ipc msg.". Any thread.
+ */
+int32_t pelkin_send_answer(const void *buffer, size_t length, const struct sockaddr_un *address,
+                           socklen_t address_length);
 
 #ifdef __cplusplus
 }

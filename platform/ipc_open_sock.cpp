@@ -1,7 +1,6 @@
 #include "platform/ipc_open_sock.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -10,17 +9,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// Answers that one requester leaves unread are charged to the sending socket, so its buffer is
-// asked for without regard to the administrator's limit first (a privileged request), and up to
-// that limit when that is refused. INT_MAX / 2 is the kernel's own ceiling: it doubles the number.
-static void enlarge_buffers(int fd)
+// Datagrams that a peer leaves unread are charged to the sending socket, so its buffer is asked for
+// without regard to the administrator's limit first (a privileged request), and up to that limit
+// when that is refused. The kernel doubles the number. A receive buffer is never charged here.
+static void enlarge_send_buffer(int fd)
 {
-    const int most = INT_MAX / 2;
-    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &most, sizeof most) != 0) {
-        (void)setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &most, sizeof most);
-    }
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &most, sizeof most) != 0) {
-        (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &most, sizeof most);
+    const int asked = IPC_UNREAD_MAX / 2;
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &asked, sizeof asked) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &asked, sizeof asked);
     }
 }
 
@@ -75,7 +71,7 @@ int32_t ipc_open_sock(const char *path)
         error = EMFILE;
     } else {
         remove_stale_socket(&address);
-        enlarge_buffers(fd);
+        enlarge_send_buffer(fd);
         const struct timeval timeout = {.tv_sec = IPC_SEND_TIMEOUT_S, .tv_usec = 0};
         if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0 ||
             bind_for_owner_and_group(fd, &address) != 0) {

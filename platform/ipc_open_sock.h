@@ -15,8 +15,16 @@ extern "C" {
 #define IPC_SEND_TIMEOUT_S 2
 
 /*
+ * Bytes of kernel memory that datagrams sent from the socket and not read yet may take: a thousand
+ * of the largest answers. The kernel keeps this account in 32 bits and wraps it when it is given
+ * more room than a few of these.
+ */
+#define IPC_UNREAD_MAX (64 * 1024 * 1024)
+
+/*
  * Creates a Unix-domain datagram socket bound to `path` (at most 107 characters), with mode 0660, a
- * send time-out of IPC_SEND_TIMEOUT_S and buffers as large as the system allows. Returns its
+ * send time-out of IPC_SEND_TIMEOUT_S and a send buffer of IPC_UNREAD_MAX bytes, or as many as the
+ * system allows. Returns its
  * descriptor (close-on-exec, below FD_SETSIZE, so that select() can watch it), which the caller
  * closes, or -1 with errno set.
  *
