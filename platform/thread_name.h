@@ -6,7 +6,8 @@
 extern "C" {
 #endif
 
-/* Names the calling thread; the kernel keeps 15 characters. For whoever looks at the process only. */
+/* Names the calling thread; the kernel keeps 15 characters. For whoever looks at the process only.
+ */
 void name_this_thread(const char *name);
 
 #ifdef __cplusplus
