@@ -111,11 +111,11 @@ static int32_t connect_to_server(struct worker *worker)
     if (worker->is_https != 0) {
         worker->tls = pelkin_create_ssl(worker->context);
         if (worker->tls == nullptr) {
-            PELKIN_LOG_AS("social_media_thread", ERROR, "create ssl fail.");
+            PELKIN_LOG_AS(WORKER, ERROR, "create ssl fail.");
             return -1;
         }
     }
-    return pelkin_open_connection("social_media_thread", &worker->sock, worker->tls, worker->host,
+    return pelkin_open_connection(WORKER, &worker->sock, worker->tls, worker->host,
                                   worker->is_https);
 }
 
