@@ -3,8 +3,9 @@
 #include <errno.h>
 #include <fcntl.h>
 
-// Not every C library names the question (fcntl.h of the kernel, F_LINUX_SPECIFIC_BASE + 8).
+// Not every C library names these (linux/fcntl.h, F_LINUX_SPECIFIC_BASE + 7 and + 8).
 #ifndef F_GETPIPE_SZ
+#define F_SETPIPE_SZ 1031
 #define F_GETPIPE_SZ 1032
 #endif
 
@@ -14,4 +15,9 @@ int32_t pipe_capacity(int32_t fd)
     const int capacity = fcntl(fd, F_GETPIPE_SZ);
     errno = saved_errno;
     return capacity > 0 ? capacity : PIPE_CAPACITY_UNASKED;
+}
+
+int32_t pipe_enlarge(int32_t fd, int32_t capacity)
+{
+    return fcntl(fd, F_SETPIPE_SZ, capacity) < 0 ? -1 : 0;
 }

@@ -17,6 +17,12 @@ extern "C" {
  */
 int32_t pipe_capacity(int32_t fd);
 
+/*
+ * Gives the pipe `capacity` bytes or a little more; what is in it stays. 0, or -1 with errno set:
+ * EPERM without CAP_SYS_RESOURCE above the administrator's limit, EINVAL where no kernel can do it.
+ */
+int32_t pipe_enlarge(int32_t fd, int32_t capacity);
+
 #ifdef __cplusplus
 }
 #endif

@@ -30,7 +30,7 @@ int32_t pelkin_hand_over_task(const struct http_task *task)
         if (record == nullptr) {
             return -1;
         }
-        const int32_t error = pelkin_send_task(record->pipe_fd[1], task);
+        const int32_t error = pelkin_send_task_noted(record->pipe_fd[1], task, &record->ledger);
         if (error == 0) {
             PELKIN_LOG_AS(INTAKE, DEBUG, "send task to thread OK. msg_id:%0x", task->msg_id);
             record->last_used_time = pelkin_cur_minute();

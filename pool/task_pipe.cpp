@@ -3,7 +3,9 @@
  * which only a part was written would spoil every task behind it.
  *
  * A task of at most PIPE_BUF bytes is one write, which the kernel makes whole or refuses (pipe(7)).
- * For a larger one the room is looked at first. The kernel counts a pipe's room in page-sized
+ * For a larger one the room is looked at first. A pipe starts at the system's size, for most never
+ * hold more than a task or two, and is doubled when a task does not fit, which costs microseconds
+ * and keeps what is in it. The kernel counts a pipe's room in page-sized
  * slots, not in bytes: a write of n bytes puts its odd bytes (n modulo the page size) into the
  * newest slot if they fit behind what is there, and takes a fresh slot for every page of the rest;
  * if they don't fit, it takes fresh slots for all. A slot is never shared otherwise, and is free
@@ -11,10 +13,10 @@
  * (FIONREAD). But two neighbouring slots always hold more than one page together: either one of
  * them is full, or the second was opened because its bytes did not fit behind the first's. With
  * only the oldest slot partly read, b unread bytes therefore lie in at most 2 * ((b - 1) / (page +
- * 1)) + 2 slots, and a task of n bytes needs at most n / page, rounded up, of the others. The
- * reader can only make more room between the look and the write. The rule errs on the side of
- * refusing: up to half of a crowded pipe's slots may stay unused by large tasks, none by small
- * ones.
+ * 1)) + 2 slots. That errs on the side of refusing, by half in a crowded pipe, so the writer also
+ * keeps a ledger of what its latest tasks took: how many slots are in use follows from how many of
+ * them are unread. Both tell at most too many. The reader can only make more room between the look
+ * and the write.
  */
 #include "pool/task_pipe.h"
 
@@ -28,6 +30,7 @@
 
 #include "log/log.h"
 #include "platform/error_text.h"
+#include "platform/pipe_capacity.h"
 #include "platform/retry_pause.h"
 
 int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
@@ -40,24 +43,70 @@ int32_t pelkin_open_task_pipe(int32_t pipe_fd[2])
     }
     pipe_fd[0] = ends[0];
     pipe_fd[1] = ends[1];
-    const int flags = fcntl(ends[1], F_GETFL);
-    fcntl(ends[1], F_SETFL, flags | O_NONBLOCK);
-    // Best effort: with less, fewer tasks can wait, and a hand-off that finds no room says so.
-    (void)fcntl(ends[1], F_SETPIPE_SZ, TASK_PIPE_CAPACITY);
+    fcntl(ends[1], F_SETFL, fcntl(ends[1], F_GETFL) | O_NONBLOCK);
     return 0;
 }
 
-static bool has_room_for(int32_t write_end, size_t length)
+// How a task comes to lie in the pipe.
+struct placing {
+    size_t slots; // that it takes at most
+    int32_t tail; // see struct task_ledger
+};
+
+static struct placing place_task(size_t length, int32_t tail, size_t page)
 {
-    int unread = 0;
-    const int capacity = fcntl(write_end, F_GETPIPE_SZ);
-    if (capacity < 0 || ioctl(write_end, FIONREAD, &unread) != 0) {
-        return true; // not a pipe that can be asked: let the write say what is wrong
+    const size_t odd = length % page;
+    const bool fits_behind = odd > 0 && tail >= 0 && (size_t)tail + odd <= page;
+    const size_t slots = length / page + (odd > 0 && !fits_behind ? 1 : 0);
+    if (tail < 0) {
+        return {.slots = slots, .tail = TASK_TAIL_UNKNOWN};
     }
-    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
-    const size_t used = unread == 0 ? 0 : 2 * (((size_t)unread - 1) / (page + 1)) + 2;
-    const size_t needed = (length + page - 1) / page;
-    return used + needed <= (size_t)capacity / page;
+    const size_t newest = fits_behind ? (size_t)tail + odd : odd;
+    const bool ends_full = odd == 0 || (fits_behind && length > page);
+    return {.slots = slots, .tail = (int32_t)(ends_full ? page : newest)};
+}
+
+// The slots that the newest `unread` bytes take at most.
+static size_t count_used_slots(const struct task_ledger *ledger, size_t unread, size_t page)
+{
+    const size_t by_bytes = unread == 0 ? 0 : 2 * ((unread - 1) / (page + 1)) + 2;
+    // One more than noted: the reader may have emptied the pipe before a task that was to lie in
+    // the slot of the one before.
+    size_t by_tasks = 1;
+    size_t told = 0;
+    for (uint32_t back = 1; told < unread; back++) {
+        if (ledger == nullptr || back > TASK_LEDGER_SIZE || back > ledger->written) {
+            return by_bytes;
+        }
+        const uint32_t at = (ledger->written - back) % TASK_LEDGER_SIZE;
+        told += ledger->bytes[at];
+        by_tasks += ledger->slots[at];
+    }
+    return by_bytes < by_tasks ? by_bytes : by_tasks;
+}
+
+static void note_task(struct task_ledger *ledger, size_t length, struct placing placing)
+{
+    if (ledger != nullptr) {
+        const uint32_t at = ledger->written++ % TASK_LEDGER_SIZE;
+        ledger->bytes[at] = (uint16_t)length;
+        ledger->slots[at] = (uint16_t)placing.slots;
+        ledger->tail = placing.tail;
+    }
+}
+
+static bool double_pipe(int32_t write_end)
+{
+    const int32_t capacity = pipe_capacity(write_end);
+    if (capacity >= TASK_PIPE_CAPACITY_MAX) {
+        return false;
+    }
+    if (pipe_enlarge(write_end, 2 * capacity) != 0) {
+        PELKIN_LOG_AS("send_data", ERROR, "task pipe stays at %d bytes: %s", capacity,
+                      error_text(errno));
+        return false;
+    }
+    return true;
 }
 
 bool pelkin_has_lost_its_reader(int32_t write_end)
@@ -89,9 +138,7 @@ static int32_t write_all(int32_t fd, const void *buffer, size_t length, size_t *
         } else if (errno == EINTR) {
             retry_pause(&interrupted);
         } else {
-            const int error = errno;
-            log_send_error(error);
-            return error;
+            return errno;
         }
     }
     return 0;
@@ -100,22 +147,63 @@ static int32_t write_all(int32_t fd, const void *buffer, size_t length, size_t *
 int32_t send_data(int32_t fd, const void *buffer, size_t length)
 {
     size_t done = 0;
-    return write_all(fd, buffer, length, &done);
+    const int32_t error = write_all(fd, buffer, length, &done);
+    if (error != 0) {
+        log_send_error(error);
+    }
+    return error;
+}
+
+// Whether the pipe has room for the task, and how it will lie there. A small task is one write in
+// any case: where it comes to lie is not worth a look.
+static bool find_room(int32_t write_end, size_t length, const struct task_ledger *ledger,
+                      struct placing *placing)
+{
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    int unread = 0;
+    *placing = place_task(length, TASK_TAIL_UNKNOWN, page);
+    if (length <= PIPE_BUF || ioctl(write_end, FIONREAD, &unread) != 0) {
+        return true; // what is no pipe that can be asked will say what is wrong at the write
+    }
+    if (ledger != nullptr) {
+        *placing = place_task(length, unread == 0 ? (int32_t)page : ledger->tail, page);
+    }
+    const size_t used = count_used_slots(ledger, (size_t)unread, page);
+    return used + placing->slots <= (size_t)pipe_capacity(write_end) / page;
+}
+
+int32_t pelkin_send_task_noted(int32_t write_end, const struct http_task *task,
+                               struct task_ledger *ledger)
+{
+    const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
+    for (;;) {
+        struct placing placing;
+        size_t done = 0;
+        int32_t error = EAGAIN;
+        if (find_room(write_end, length, ledger, &placing)) {
+            error = write_all(write_end, task, length, &done);
+        }
+        if (error == 0) {
+            note_task(ledger, length, placing);
+            return 0;
+        }
+        if (error == EAGAIN && done == 0) {
+            if (pelkin_has_lost_its_reader(write_end)) {
+                error = EPIPE;
+            } else if (double_pipe(write_end)) {
+                continue;
+            }
+        }
+        log_send_error(error);
+        // The kernel may run out of pages in the middle. The worker then waits for the rest of a
+        // task that will never come, and must read the stream's end instead of the next task.
+        return done > 0 ? EPIPE : error;
+    }
 }
 
 int32_t pelkin_send_task(int32_t write_end, const struct http_task *task)
 {
-    const size_t length = HTTP_TASK_FIXED_SIZE + (size_t)task->dataLen;
-    if (length > PIPE_BUF && !has_room_for(write_end, length)) {
-        const int error = pelkin_has_lost_its_reader(write_end) ? EPIPE : EAGAIN;
-        log_send_error(error);
-        return error;
-    }
-    // The kernel may run out of pages in the middle. The worker then waits for the rest of a task
-    // that will never come, and must read the stream's end instead of the next task.
-    size_t done = 0;
-    const int32_t error = write_all(write_end, task, length, &done);
-    return error != 0 && done > 0 ? EPIPE : error;
+    return pelkin_send_task_noted(write_end, task, nullptr);
 }
 
 int32_t read_data(int32_t fd, void *buffer, size_t length)

@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include "core/http_task.h"
+#include "pool/task_pipe.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -29,6 +30,7 @@ typedef struct THREAD_RECORD {
     struct THREAD_RECORD *prev;
     struct THREAD_RECORD *next;
     struct THREAD_RECORD *bucket_next; /* next one of the registry's index */
+    struct task_ledger ledger;         /* of the task pipe */
 } THREAD_RECORD;
 
 /* Head of the list of all workers, oldest first. Main thread only. */
