@@ -9,7 +9,7 @@ int32_t pelkin_analysis_fbauth_resp(const struct fbauth_attr *attrs, const char 
 {
     static const char opening[] = "{\"valid\":";
     static const char invalid[] = "false";
-    static const size_t shown_most = 32; // of a value: how long it is, the server alone decides
+    static const size_t shown_most = 5; // of a value: how long it is, the server alone decides
     if (attrs == nullptr || resp == nullptr) {
         PELKIN_LOG_ERROR("Attributes should NOT be NULL.");
         return -1;

@@ -5,6 +5,7 @@
 #include "log/field.h"
 #include "log/log.h"
 #include "social/reauth_report.h"
+#include "social/reauth_request.h"
 
 static const size_t RESULT_SIZE = 6; // "false" and its NUL
 
@@ -55,7 +56,8 @@ const struct reauth_sta *pelkin_find_sta_by_token(const struct reauth_attr *attr
     }
     // Tokens of one issuer begin alike: the last character tells most of them apart.
     const size_t last = length > 0 ? length - 1 : 0;
-    for (int32_t i = 0; i < attrs->sta_num; i++) {
+    const int32_t count = pelkin_count_reauth_sta(attrs);
+    for (int32_t i = 0; i < count; i++) {
         const char *candidate = attrs->sta[i].token;
         if (candidate[last] == token[last] && memcmp(candidate, token, length + 1) == 0) {
             return &attrs->sta[i];
@@ -76,7 +78,8 @@ static void report_entry(const struct reauth_attr *attrs, const struct answer_en
         return;
     }
     const uint8_t *mac = found->mac;
-    PELKIN_LOG_DEBUG("find station[" PELKIN_MAC_FORMAT "]", PELKIN_MAC(mac));
+    PELKIN_LOG_AS("pelkin_analysis_reauth_resp", DEBUG, "find station[" PELKIN_MAC_FORMAT "]",
+                  PELKIN_MAC(mac));
     struct reauth_resp_sta *reported = &out->sta[out->sta_num++];
     *reported = {};
     memcpy(reported->mac, mac, sizeof reported->mac);

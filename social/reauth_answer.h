@@ -4,7 +4,8 @@
  *
  *     {"tokens":{"TOKEN":{"valid":true},"TOKEN":{"valid":false}}}
  *
- * It comes from outside and may hold anything. `attrs` is a batch after pelkin_cut_reauth_attr().
+ * It comes from outside and may hold anything. `attrs` is a batch after pelkin_cut_reauth_attr(),
+ * or a whole record with any number of stations in it.
  */
 #ifndef PELKIN_SOCIAL_REAUTH_ANSWER_H
 #define PELKIN_SOCIAL_REAUTH_ANSWER_H

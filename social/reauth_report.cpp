@@ -32,7 +32,7 @@ int32_t pelkin_send_reauth_resp(const struct reauth_resp *resp)
     const size_t length =
         offsetof(struct reauth_resp, sta) + (size_t)resp->sta_num * sizeof resp->sta[0];
     memcpy(pelkin_fill_ipc_hdr(message, PELKIN_MSG_REAUTH_RESP, (uint32_t)length), resp, length);
-    (void)pelkin_print_reauth_resp_msg(resp);
+    pelkin_print_reauth_resp_msg(resp);
     if (pelkin_send_ipc_msg(KIVREN_SOCKET_PATH, message) != 0) {
         PELKIN_LOG_ERROR("Failed to send request to kivren.");
         return -1;

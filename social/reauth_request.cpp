@@ -10,14 +10,17 @@
 static const size_t ENTRIES_TEXT_MAX = 65535;
 static const size_t ENCODED_BYTE_SIZE = 3;
 
+int32_t pelkin_count_reauth_sta(const struct reauth_attr *attrs)
+{
+    return attrs->sta_num < REAUTH_STA_MAX ? attrs->sta_num : REAUTH_STA_MAX;
+}
+
 void pelkin_cut_reauth_attr(struct reauth_attr *attrs, size_t length)
 {
     const size_t head = offsetof(struct reauth_attr, sta);
-    size_t arrived = length > head ? (length - head) / sizeof attrs->sta[0] : 0;
-    if (arrived > REAUTH_STA_MAX) {
-        arrived = REAUTH_STA_MAX;
-    }
-    if (attrs->sta_num > (int32_t)arrived) {
+    const size_t arrived = length > head ? (length - head) / sizeof attrs->sta[0] : 0;
+    attrs->sta_num = pelkin_count_reauth_sta(attrs);
+    if (attrs->sta_num > 0 && (size_t)attrs->sta_num > arrived) {
         attrs->sta_num = (int32_t)arrived;
     }
 }
@@ -31,8 +34,9 @@ static void append_station(struct cut_text *text, const struct reauth_sta *sta,
 
 static void append_stations(struct cut_text *text, const struct reauth_attr *attrs)
 {
+    const int32_t count = pelkin_count_reauth_sta(attrs);
     int32_t i = 0;
-    for (; i + 1 < attrs->sta_num; i++) {
+    for (; i + 1 < count; i++) {
         append_station(text, &attrs->sta[i], ",");
     }
     append_station(text, &attrs->sta[i], "");
@@ -48,6 +52,7 @@ int32_t pelkin_build_reauth_data(char *out, size_t out_size, const struct reauth
     memcpy(secret, attrs->secret, sizeof attrs->secret);
     char encoded[REAUTH_SECRET_SIZE * ENCODED_BYTE_SIZE];
 
+    memset(out, 0, out_size);
     struct cut_text text = {.start = out, .size = out_size, .used = 0};
     cut_text_append(&text, "secret=%s&tokens={", urlEncode(secret, encoded, sizeof encoded));
     const size_t entries_end = text.used + ENTRIES_TEXT_MAX + 1;
