@@ -13,14 +13,11 @@ struct level_name {
     int32_t value;
 };
 
-/* Priorities 0 to 7 of syslog (RFC 5424, 6.2.1) under their traditional names; ends with (null,
- * -1). */
+/* Priorities 0 to 7 of syslog (RFC 5424, 6.2.1) by their usual names; ends with (null, -1). */
 extern const struct level_name tu_prioritynames[9];
-/* Facilities local0 to local7 as shifted codes, and "keep", an entry of our own; ends with (null,
- * -1). */
+/* Facilities local0 to local7, shifted, and "keep", one of our own; ends with (null, -1). */
 extern const struct level_name tu_facilitynames[10];
-/* No closing entry, and its first value is the others' closing value: data only, not for the
- * lookups. */
+/* Not for the lookups: no closing entry, and its first value is the others' closing value. */
 extern const struct level_name tu_flowlevel[4];
 
 /* The name of the first entry with `value`, or null. Any thread, as the function below. */

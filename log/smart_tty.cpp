@@ -103,7 +103,7 @@ int32_t smart_tty_unregister(struct smart_tty_ctrl *ctrl)
         return -1;
     }
     char command[COMMAND_SIZE];
-    (void)snprintf(command, sizeof command, "ttylog unregister_process %s", ctrl->process);
+    snprintf(command, sizeof command, "ttylog unregister_process %s", ctrl->process);
     (void)zel_system(command);
 
     gate_close(&prints);
@@ -127,25 +127,22 @@ void smart_tty_enable(struct smart_tty_ctrl *ctrl, uint32_t on)
     }
     store_status(ctrl, on);
     char command[COMMAND_SIZE];
-    (void)snprintf(command, sizeof command, "ttylog register_process %s %s", ctrl->process,
-                   status_word(on));
+    snprintf(command, sizeof command, "ttylog register_process %s %s", ctrl->process,
+             status_word(on));
     (void)zel_system(command);
 }
 
-// Formats into the record's text; returns its length, 0 when there is nothing to print.
-static size_t format_text(char text[SMART_TTY_TEXT_MAX + 1], const char *format, va_list arguments)
-    __attribute__((format(printf, 2, 0)));
-static size_t format_text(char text[SMART_TTY_TEXT_MAX + 1], const char *format, va_list arguments)
+size_t smart_tty_format(struct smart_tty_msg *record, const char *format, va_list arguments)
 {
     if (format == nullptr || strnlen(format, SMART_TTY_TEXT_MAX) >= SMART_TTY_TEXT_MAX) {
         return 0;
     }
-    const int written = vsnprintf(text, SMART_TTY_TEXT_MAX, format, arguments);
+    const int written = vsnprintf(record->text, SMART_TTY_TEXT_MAX, format, arguments);
     if (written <= 0) {
         return 0;
     }
     const size_t length = written < SMART_TTY_TEXT_MAX ? (size_t)written : SMART_TTY_TEXT_MAX;
-    text[length] = '\0';
+    record->text[length] = '\0';
     return length;
 }
 
@@ -178,25 +175,24 @@ static uint32_t send_to_service(const struct smart_tty_ctrl *ctrl, struct smart_
     return status;
 }
 
-void smart_tty_vprint(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
-                      const char *format, va_list arguments)
+void smart_tty_send(const struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
+                    struct smart_tty_msg *record, size_t length)
 {
-    struct smart_tty_msg record;
-    const size_t length = ctrl == nullptr ? 0 : format_text(record.text, format, arguments);
-    if (length == 0) {
-        return;
-    }
-    (void)send_to_service(ctrl, &record, model, priority, length);
-    syslog((int)priority, "%s", record.text);
+    send_to_service(ctrl, record, model, priority, length);
+    syslog((int)priority, "%s", record->text);
 }
 
 void smart_tty_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
                      const char *format, ...)
 {
+    struct smart_tty_msg record;
     va_list arguments;
     va_start(arguments, format);
-    smart_tty_vprint(ctrl, model, priority, format, arguments);
+    const size_t length = ctrl == nullptr ? 0 : smart_tty_format(&record, format, arguments);
     va_end(arguments);
+    if (length > 0) {
+        smart_tty_send(ctrl, model, priority, &record, length);
+    }
 }
 
 void smart_tty_raw_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
@@ -205,10 +201,10 @@ void smart_tty_raw_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t p
     struct smart_tty_msg record;
     va_list arguments;
     va_start(arguments, format);
-    const size_t length = ctrl == nullptr ? 0 : format_text(record.text, format, arguments);
+    const size_t length = ctrl == nullptr ? 0 : smart_tty_format(&record, format, arguments);
     va_end(arguments);
     if (length > 0 && send_to_service(ctrl, &record, model, priority, length) == 0) {
-        (void)printf("%s", record.text);
+        printf("%s", record.text);
     }
 }
 
@@ -240,7 +236,7 @@ void smart_tty_buff_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t 
     va_list arguments;
     va_start(arguments, format);
     buffer[0] = '\0';
-    (void)vsnprintf(buffer, DUMP_HEADING_LONGEST + 1, format, arguments);
+    vsnprintf(buffer, DUMP_HEADING_LONGEST + 1, format, arguments);
     va_end(arguments);
     struct cut_text text = {.start = buffer, .size = sizeof buffer, .used = strlen(buffer)};
 
@@ -262,14 +258,14 @@ void smart_tty_dump_ctrl(const struct smart_tty_ctrl *ctrl)
     if (ctrl == nullptr) {
         return;
     }
-    (void)printf("----dump your ctrl info---------\n");
-    (void)printf("%d) socket    :[%d]\n", 1, ctrl->socket.fd);
-    (void)printf("%d) process   :[%s]\n", 2, ctrl->process);
-    (void)printf("%d) status    :[%s]\n", 3, status_word(load_status(ctrl)));
-    (void)printf("%d) model     :", 4);
+    printf("----dump your ctrl info---------\n");
+    printf("%d) socket    :[%d]\n", 1, ctrl->socket.fd);
+    printf("%d) process   :[%s]\n", 2, ctrl->process);
+    printf("%d) status    :[%s]\n", 3, status_word(load_status(ctrl)));
+    printf("%d) model     :", 4);
     for (uint32_t i = 0; i < SMART_TTY_MODELS; i++) {
-        (void)printf(" [%s]", ctrl->models[i]);
+        printf(" [%s]", ctrl->models[i]);
     }
-    (void)printf("\n%d) model msk :[%08x]\n", 5, ctrl->model_mask);
-    (void)printf("----dump your ctrl info end-----\n");
+    printf("\n%d) model msk :[%08x]\n", 5, ctrl->model_mask);
+    printf("----dump your ctrl info end-----\n");
 }

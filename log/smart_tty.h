@@ -4,8 +4,8 @@
  * and enabled, and always the system log. Which statements of the daemon reach it, log/log.h
  * decides.
  *
- * Threads: smart_tty_print(), smart_tty_vprint() and smart_tty_buff_print() may be called from any
- * thread at any time. Registration, enabling and unregistration belong to the main thread.
+ * Threads: what prints may be called from any thread at any time. Registration, enabling and
+ * unregistration belong to the main thread.
  */
 #ifndef PELKIN_LOG_SMART_TTY_H
 #define PELKIN_LOG_SMART_TTY_H
@@ -76,8 +76,10 @@ int32_t smart_tty_register(struct smart_tty_ctrl *ctrl);
  */
 int32_t smart_tty_unregister(struct smart_tty_ctrl *ctrl);
 
-/* Sets the status to `on` (0 or 1; anything else, or a null record, changes nothing) and tells the
- * service. */
+/*
+ * Sets the status to `on` (0 or 1; anything else, or a null record, changes nothing) and tells the
+ * service.
+ */
 void smart_tty_enable(struct smart_tty_ctrl *ctrl, uint32_t on);
 
 /*
@@ -87,8 +89,16 @@ void smart_tty_enable(struct smart_tty_ctrl *ctrl, uint32_t on);
  */
 void smart_tty_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
                      const char *format, ...) __attribute__((format(printf, 4, 5)));
-void smart_tty_vprint(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
-                      const char *format, va_list arguments) __attribute__((format(printf, 4, 0)));
+
+/*
+ * The two halves of smart_tty_print(), for who wants to see the text as well: formatting it into
+ * the record, and sending the record with its text of `length` bytes on both ways. The length is 0
+ * when there is nothing to print, which is then not to be sent.
+ */
+size_t smart_tty_format(struct smart_tty_msg *record, const char *format, va_list arguments)
+    __attribute__((format(printf, 2, 0)));
+void smart_tty_send(const struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,
+                    struct smart_tty_msg *record, size_t length);
 
 /* As smart_tty_print() but never to the system log, and to standard output while disabled. */
 void smart_tty_raw_print(struct smart_tty_ctrl *ctrl, uint32_t model, uint32_t priority,

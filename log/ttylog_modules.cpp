@@ -17,9 +17,9 @@ char tu_kivren_ccdbuf[TU_CCDBUF_SIZE];
 
 static int32_t register_module(struct smart_tty_ctrl *ctrl, const char *process, const char *model)
 {
-    (void)smart_tty_init(ctrl);
-    (void)snprintf(ctrl->process, sizeof ctrl->process, "%s", process);
-    (void)snprintf(ctrl->models[0], sizeof ctrl->models[0], "%s", model);
+    smart_tty_init(ctrl);
+    snprintf(ctrl->process, sizeof ctrl->process, "%s", process);
+    snprintf(ctrl->models[0], sizeof ctrl->models[0], "%s", model);
     ctrl->status = 1;
     return smart_tty_register(ctrl);
 }
@@ -72,10 +72,10 @@ void tev_ttylog_serial_default(const struct smart_tty_ctrl *ctrl, int32_t level)
         return;
     }
     char command[128];
-    (void)snprintf(command, sizeof command, "ttylog serial_debug %s level %s", ctrl->process,
-                   level_words[level]);
-    (void)puts(command);
+    snprintf(command, sizeof command, "ttylog serial_debug %s level %s", ctrl->process,
+             level_words[level]);
+    puts(command);
     // The shell writes to the same place: what stands in our buffer must come before its output.
-    (void)fflush(stdout);
+    fflush(stdout);
     (void)zel_system(command);
 }

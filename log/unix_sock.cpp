@@ -51,7 +51,7 @@ static int resolve_path(const char *path, char resolved[PATH_MAX])
 static int bind_local(int fd, struct sockaddr_un *local, const char *name)
 {
     set_address(local, name);
-    (void)unlink(local->sun_path);
+    unlink(local->sun_path);
     return bind(fd, (const struct sockaddr *)local, address_length(local));
 }
 
@@ -73,6 +73,33 @@ static int connect_peer(int fd, struct unix_sock *sock, const char *path, int32_
     return temp_name != 0 ? rc : 0;
 }
 
+// The name to bind, "" for none. 0, or -1 when the daemon's directory does not resolve.
+static int choose_name(const char *path, int32_t daemon, int32_t temp_name, char name[PATH_MAX])
+{
+    name[0] = '\0';
+    if (temp_name != 0) {
+        // Not a secret: the number only keeps names of one process apart.
+        snprintf(name, PATH_MAX, "/tmp/uds-%d-%d", getpid(), rand() & 0xFFFF); // NOLINT
+    }
+    return daemon != 0 ? resolve_path(path, name) : 0;
+}
+
+// The descriptor, bound and connected as asked, or -1.
+static int open_socket(const char *path, struct unix_sock *sock, const char *name, int32_t daemon,
+                       int32_t temp_name)
+{
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    if ((name[0] != '\0' && bind_local(fd, &sock->local, name) != 0) ||
+        (daemon == 0 && connect_peer(fd, sock, path, temp_name) != 0)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 int32_t unix_sock_open(const char *path, struct unix_sock *sock, int32_t daemon, int32_t temp_name)
 {
     if (sock == nullptr) {
@@ -80,39 +107,18 @@ int32_t unix_sock_open(const char *path, struct unix_sock *sock, int32_t daemon,
     }
     *sock = {};
     sock->fd = -1;
-    if (daemon != 0 && temp_name != 0) {
+    char name[PATH_MAX];
+    if ((daemon != 0 && temp_name != 0) || choose_name(path, daemon, temp_name, name) != 0) {
         return -1;
     }
-
-    char name[PATH_MAX] = "";
-    if (temp_name != 0) {
-        // Not a secret: the number only keeps names of one process apart.
-        (void)snprintf(name, sizeof name, "/tmp/uds-%d-%d", getpid(), rand() & 0xFFFF); // NOLINT
-    } else if (daemon != 0 && resolve_path(path, name) != 0) {
-        return -1;
+    sock->fd = open_socket(path, sock, name, daemon, temp_name);
+    if (sock->fd < 0 && name[0] != '\0') {
+        unlink(name);
     }
-
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool named = name[0] != '\0';
-    bool opened = fd >= 0 && (!named || bind_local(fd, &sock->local, name) == 0);
-    if (opened && daemon == 0) {
-        opened = connect_peer(fd, sock, path, temp_name) == 0;
+    if (sock->fd < 0 && daemon != 0) {
+        unlink(path); // a link to `name`
     }
-    if (opened) {
-        sock->fd = fd;
-        return fd;
-    }
-
-    if (named) {
-        (void)unlink(name);
-    }
-    if (daemon != 0) {
-        (void)unlink(path); // a link to `name`
-    }
-    if (fd >= 0) {
-        (void)close(fd);
-    }
-    return -1;
+    return sock->fd;
 }
 
 int32_t unix_sock_open_daemon(const char *path, struct unix_sock *sock)
@@ -128,10 +134,10 @@ int32_t unix_sock_open_client(const char *path, struct unix_sock *sock, int32_t 
 void unix_sock_close(const struct unix_sock *sock)
 {
     if (sock->local.sun_family == AF_UNIX) {
-        (void)unlink(sock->local.sun_path);
+        unlink(sock->local.sun_path);
     }
     if (sock->fd >= 0) {
-        (void)close(sock->fd);
+        close(sock->fd);
     }
 }
 
@@ -140,11 +146,13 @@ int32_t unix_sock_get_fd(const struct unix_sock *sock)
     return sock->fd;
 }
 
-// poll() rather than select(): a descriptor may have any number.
+// poll() rather than select(): a descriptor may have any number. What select() counts as readable
+// does so here, a pending error and a hang-up among it.
 static bool is_readable_within(int fd, int timeout_ms)
 {
+    const int readable = POLLIN | POLLERR | POLLHUP;
     struct pollfd watched = {.fd = fd, .events = POLLIN, .revents = 0};
-    return poll(&watched, 1, timeout_ms) == 1 && (watched.revents & POLLIN) != 0;
+    return poll(&watched, 1, timeout_ms) == 1 && (watched.revents & readable) != 0;
 }
 
 int32_t unix_sock_pending(const struct unix_sock *sock)

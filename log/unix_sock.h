@@ -47,13 +47,15 @@ int32_t unix_sock_reconnect(const struct unix_sock *sock);
 /* The opener behind both; `daemon` and `temp_name` are flags and exclude each other. */
 int32_t unix_sock_open(const char *path, struct unix_sock *sock, int32_t daemon, int32_t temp_name);
 
-/* Removes the bound name, if any, and closes the descriptor. Not to be called again on the handle.
- */
+/* Removes the bound name, if any, and closes the descriptor. Once a handle. */
 void unix_sock_close(const struct unix_sock *sock);
 
 int32_t unix_sock_get_fd(const struct unix_sock *sock);
 
-/* 1 when a datagram waits to be read, 0 when none does or the test itself fails. Never blocks. */
+/*
+ * 1 when a read would return at once, with a datagram or the socket's pending error; 0 when not or
+ * when the test itself fails. Never blocks.
+ */
 int32_t unix_sock_pending(const struct unix_sock *sock);
 
 /*

@@ -75,7 +75,8 @@ TEST_F(LogChannel, RecordsByteByByteAndNoneOfTooLongAFormat)
 {
     smart_tty_print(ctrl, 7, 0x9D, "a%sc", "b");
     va_list none = {};
-    smart_tty_vprint(ctrl, 1, 0x83, std::string(4051, 'f').c_str(), none); // too long a format
+    struct smart_tty_msg record;
+    EXPECT_EQ(smart_tty_format(&record, std::string(4051, 'f').c_str(), none), 0u);
     std::memset(ctrl->process, 'N', sizeof ctrl->process);
     smart_tty_print(ctrl, 1, 0x83, "x");
     const std::vector<std::string> got = records();
@@ -264,6 +265,18 @@ TEST(UnixSock, RequestAndReplyAndWhatGoesWrong)
     EXPECT_EQ(std::string(reply, 5), "12345");
 
     EXPECT_EQ(unix_sock_request(&client, "silence", 7, reply, &reply_length), -2);
+    // A peer that turns away from an unread request leaves an error, which is what is received.
+    ASSERT_EQ(connect(daemon.fd, address, sizeof client.local), 0);
+    std::thread turning([&daemon] {
+        char byte = 0;
+        EXPECT_EQ(recv(daemon.fd, &byte, 1, 0), 1);
+        EXPECT_EQ(recv(daemon.fd, &byte, 1, MSG_PEEK), 1);
+        const sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
+        EXPECT_EQ(connect(daemon.fd, &nobody, sizeof nobody), 0);
+    });
+    EXPECT_EQ(unix_sock_request(&client, "turn", 4, reply, &reply_length), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    turning.join();
     unix_sock_close(&daemon);
     EXPECT_FALSE(exists("/tmp/real/d"));
     EXPECT_EQ(unix_sock_request(&client, "gone", 4, reply, &reply_length), -1);
