@@ -7,6 +7,7 @@
 #include <atomic>
 #include <climits>
 #include <random>
+#include <set>
 #include <stdlib.h>
 #include <string>
 #include <sys/socket.h>
@@ -128,6 +129,20 @@ size_t count_in_order(const TO_CHECK_CLIENT *client)
     return count;
 }
 
+// As one does who knows the chain but not its express lane.
+TO_CHECK_CLIENT *detach_by_hand(TO_CHECK_ACCOUNT *account, int32_t minute)
+{
+    TO_CHECK_CLIENT *due = nullptr;
+    TO_CHECK_CLIENT **end = &due;
+    while (account->clients != nullptr && account->clients->expire_min <= minute) {
+        *end = account->clients;
+        end = &(*end)->next;
+        account->clients = *end;
+    }
+    *end = nullptr;
+    return due;
+}
+
 struct WeChat : testing::Test {
     WeChat()
     {
@@ -205,7 +220,8 @@ TEST_F(WeChat, ClientsStayInOrderWhateverTheirArrival)
         waiting++;
         if (arrival % 500 == 0) {
             const int32_t minute = pelkin_cur_minute() + (int32_t)(random() % 150);
-            TO_CHECK_CLIENT *due = wechat_detach_due_clients(wechat_account_chain, minute);
+            const auto detach = arrival % 1000 == 0 ? detach_by_hand : wechat_detach_due_clients;
+            TO_CHECK_CLIENT *due = detach(wechat_account_chain, minute);
             waiting -= count_in_order(due);
             for (const TO_CHECK_CLIENT *client = due; client != nullptr; client = client->next) {
                 ASSERT_LE(client->expire_min, minute);
@@ -226,6 +242,33 @@ TEST_F(WeChat, OldestIdleAccountsBeyondElevenGoAndBusyOnesStay)
     wechat_delete_idle_account();
     EXPECT_EQ(appids(), "14 13 12 11 10 9 8 7 6 5 4 3 0 ") << "of thirteen idle ones 1 and 2 gone";
     EXPECT_EQ(std::string(tu_tmpbuf).rfind("to delete idle appid(1,", 0), 0u) << tu_tmpbuf;
+}
+
+TEST_F(WeChat, EveryAccountIsFoundHoweverManyComeAndGoAndWhoeverLinkedIt)
+{
+    const int accounts = 3000;
+    for (int i = 0; i < accounts; i++) {
+        EXPECT_EQ(send_in(1, numbered("", i), "secret", i % 3 == 0 ? 60 : 0), 0);
+    }
+    for (auto *account = wechat_account_chain; account != nullptr; account = account->next) {
+        wechat_free_clients(wechat_detach_due_clients(account, pelkin_cur_minute()));
+    }
+    wechat_delete_idle_account();
+    EXPECT_EQ(std::ranges::count(appids(), ' '), accounts / 3 + WECHAT_IDLE_ACCOUNTS_KEPT);
+    auto *linked = (TO_CHECK_ACCOUNT *)calloc(1, sizeof(TO_CHECK_ACCOUNT));
+    linked->appid[0] = 'x';
+    linked->next = wechat_account_chain;
+    wechat_account_chain = linked;
+    EXPECT_EQ(send_in(1, "x"), 0);
+    for (int i = 0; i < accounts; i++) {
+        EXPECT_EQ(send_in(1, numbered("", i)), 0);
+    }
+    std::set<std::string> ids;
+    for (auto *account = wechat_account_chain; account != nullptr; account = account->next) {
+        EXPECT_TRUE(ids.insert(account->appid).second) << account->appid << " stands there twice";
+        EXPECT_NE(account->clients, nullptr);
+    }
+    EXPECT_EQ(ids.size(), accounts + 1u);
 }
 
 TEST(WeChatToken, ExpiryNeitherOverflowsNorRoundsUp)

@@ -33,20 +33,20 @@ int32_t wechat_token_expire_min(int32_t now, int32_t expires_in)
 // The secret as it is now: the main thread may replace it at any time.
 static void copy_secret(const TO_CHECK_ACCOUNT *account, char secret[WECHAT_APPSECRET_SIZE])
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     memcpy(secret, account->appsecret, WECHAT_APPSECRET_SIZE);
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
 }
 
 static void store_token(TO_CHECK_ACCOUNT *account, const char *token, int32_t expire_min,
                         const char *used_secret)
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     memcpy(account->access_token, token, strlen(token) + 1);
     if (strcmp(account->appsecret, used_secret) == 0) {
         account->token_expire_min = expire_min;
     }
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
 }
 
 int32_t wechat_refresh_access_token(TO_CHECK_ACCOUNT *account)
@@ -57,7 +57,7 @@ int32_t wechat_refresh_access_token(TO_CHECK_ACCOUNT *account)
     char secret[WECHAT_APPSECRET_SIZE];
     copy_secret(account, secret);
     wechat_prepare_task(&task, 0);
-    (void)snprintf(task.path, sizeof task.path, TOKEN_PATH, account->appid, secret);
+    snprintf(task.path, sizeof task.path, TOKEN_PATH, account->appid, secret);
     int32_t length = 0;
     const int32_t rc = wechat_send_recv(&task, answer, TOKEN_ANSWER_SIZE, &length);
     if (rc != 0) {

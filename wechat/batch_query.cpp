@@ -19,6 +19,9 @@ static_assert(sizeof BODY_OPENING + sizeof BODY_CLOSING +
                   HTTP_TASK_DATA_MAX,
               "any batch's body fits");
 
+// Whose name the lines about an answer carry.
+#define EVALUATING "wechat_check_clients_of_one_batch"
+
 static const int32_t BATCH_ANSWER_SIZE = 300000;
 // More than an openid of ours has: a longer one must stay longer, so that it matches none.
 static const size_t ANSWER_OPENID_SIZE = 128;
@@ -26,7 +29,7 @@ static const size_t ANSWER_OPENID_SIZE = 128;
 void wechat_prepare_batch_task(struct http_task *task, const char *access_token)
 {
     wechat_prepare_task(task, PELKIN_HTTP_POST);
-    (void)snprintf(task->path, sizeof task->path, BATCH_PATH, access_token);
+    snprintf(task->path, sizeof task->path, BATCH_PATH, access_token);
 }
 
 const TO_CHECK_CLIENT *wechat_write_batch_body(struct http_task *task,
@@ -39,7 +42,7 @@ const TO_CHECK_CLIENT *wechat_write_batch_body(struct http_task *task,
                          count == 0 ? "" : ",", clients->openid);
         clients = clients->next;
     }
-    (void)snprintf(body + used, (size_t)(HTTP_TASK_DATA_MAX - used), BODY_CLOSING);
+    snprintf(body + used, (size_t)(HTTP_TASK_DATA_MAX - used), BODY_CLOSING);
     return clients;
 }
 
@@ -64,15 +67,18 @@ static void evaluate_entry(const char *entry, const TO_CHECK_CLIENT *clients)
     at = wechat_pass_to_quote(wechat_read_number(at, &subscribe));
     at = wechat_read_text(wechat_pass_literal(at, "\"openid\":\""), openid, sizeof openid);
     if (at == nullptr) {
-        PELKIN_LOG_ERROR("invalid client info from wechat server, response:%s", entry);
+        PELKIN_LOG_AS(EVALUATING, ERROR, "invalid client info from wechat server, response:%s",
+                      entry);
         return;
     }
-    PELKIN_LOG_DEBUG("client info from wechat server. subscribe:%d, openid:%s", subscribe, openid);
+    PELKIN_LOG_AS(EVALUATING, DEBUG, "client info from wechat server. subscribe:%d, openid:%s",
+                  subscribe, openid);
     if (subscribe != 0) {
-        PELKIN_LOG_DEBUG("client has subscribed the wechat account.");
+        PELKIN_LOG_AS(EVALUATING, DEBUG, "client has subscribed the wechat account.");
         return;
     }
-    PELKIN_LOG_DEBUG("client hasn't subscribed the wechat account. to kick off it.");
+    PELKIN_LOG_AS(EVALUATING, DEBUG,
+                  "client hasn't subscribed the wechat account. to kick off it.");
     wechat_proc_not_subscribe_client(openid, clients);
 }
 
@@ -80,22 +86,24 @@ int32_t wechat_evaluate_batch_answer(char *answer, const TO_CHECK_CLIENT *client
 {
     char *list = strstr(answer, "user_info_list");
     if (list == nullptr) {
-        PELKIN_LOG_ERROR("failed to get client info from wechat server, no \"user_info_list\", "
-                         "response:%s",
-                         answer);
+        PELKIN_LOG_AS(EVALUATING, ERROR,
+                      "failed to get client info from wechat server, no \"user_info_list\", "
+                      "response:%s",
+                      answer);
         return -1;
     }
     char *entry = strchr(list, '{');
     if (entry == nullptr) {
-        PELKIN_LOG_ERROR("failed to get client info from wechat server, no \"{\", response:%s",
-                         answer);
+        PELKIN_LOG_AS(EVALUATING, ERROR,
+                      "failed to get client info from wechat server, no \"{\", response:%s",
+                      answer);
         return -1;
     }
     while (entry != nullptr) {
         char *end = strchr(entry, '}');
         if (end == nullptr) {
-            PELKIN_LOG_ERROR("invalid client info from wechat server, no \"}\", response:%s",
-                             entry);
+            PELKIN_LOG_AS(EVALUATING, ERROR,
+                          "invalid client info from wechat server, no \"}\", response:%s", entry);
             return -1;
         }
         *end = '\0';

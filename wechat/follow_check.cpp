@@ -17,25 +17,25 @@
 
 static bool is_token_expired(const TO_CHECK_ACCOUNT *account, int32_t now)
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     const bool is_expired = account->token_expire_min <= now;
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
     return is_expired;
 }
 
 static void expire_token(TO_CHECK_ACCOUNT *account, int32_t now)
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     account->token_expire_min = now;
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
 }
 
 static void report_unchecked(const TO_CHECK_CLIENT *clients)
 {
     for (; clients != nullptr; clients = clients->next) {
-        PELKIN_LOG_ERROR("failed to check client(mac:" PELKIN_MAC_FORMAT
-                         ", openid:%s) due to error.",
-                         PELKIN_MAC(clients->mac), clients->openid);
+        PELKIN_LOG_AS("wechat_check_clients_of_one_account", ERROR,
+                      "failed to check client(mac:" PELKIN_MAC_FORMAT ", openid:%s) due to error.",
+                      PELKIN_MAC(clients->mac), clients->openid);
     }
 }
 
@@ -47,7 +47,8 @@ static void check_in_batches(TO_CHECK_ACCOUNT *account, const TO_CHECK_CLIENT *c
         const TO_CHECK_CLIENT *later = wechat_write_batch_body(&task, clients);
         if (wechat_check_clients_of_one_batch(&task, clients) != 0) {
             expire_token(account, now);
-            PELKIN_LOG_DEBUG("wechat_check_clients_of_one_batch return error");
+            PELKIN_LOG_AS("wechat_check_clients_of_one_account", DEBUG,
+                          "wechat_check_clients_of_one_batch return error");
             report_unchecked(clients);
             return;
         }
@@ -72,18 +73,18 @@ void wechat_check_clients_of_one_account(TO_CHECK_ACCOUNT *account, TO_CHECK_CLI
 
 int32_t wechat_check_clients_of_all_accounts(void)
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     // An account stays while the mutex is free: this thread alone frees them, between its passes.
     for (TO_CHECK_ACCOUNT *account = wechat_account_chain; account != nullptr;
          account = account->next) {
         TO_CHECK_CLIENT *due = wechat_detach_due_clients(account, pelkin_cur_minute());
         if (due != nullptr) {
-            (void)pthread_mutex_unlock(&wechat_chain_mutex);
+            pthread_mutex_unlock(&wechat_chain_mutex);
             wechat_check_clients_of_one_account(account, due);
-            (void)pthread_mutex_lock(&wechat_chain_mutex);
+            pthread_mutex_lock(&wechat_chain_mutex);
         }
     }
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
     return 0;
 }
 
@@ -99,7 +100,7 @@ void *wechat_thread(void *)
         } else {
             failed_waits = 0;
         }
-        (void)wechat_check_clients_of_all_accounts();
+        wechat_check_clients_of_all_accounts();
         wechat_delete_idle_account();
     }
 }

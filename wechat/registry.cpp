@@ -7,6 +7,10 @@
 #include "log/field.h"
 #include "log/log.h"
 #include "pool/minute_clock.h"
+#include "wechat/account_index.h"
+
+// Whose name the lines about a request carry.
+#define REGISTERING "wechat_req_msg_proc"
 
 TO_CHECK_ACCOUNT *wechat_account_chain;
 pthread_mutex_t wechat_chain_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -40,8 +44,9 @@ static int32_t read_request(const void *message, struct wechat_check_follow_req 
     struct ipc_msg_hdr header;
     memcpy(&header, message, sizeof header);
     if (header.len < sizeof *request) {
-        PELKIN_LOG_ERROR("wechat check-follow request of %u bytes refused, expected:%u", header.len,
-                         (unsigned)sizeof *request);
+        PELKIN_LOG_AS(REGISTERING, ERROR,
+                      "wechat check-follow request of %u bytes refused, expected:%u", header.len,
+                      (unsigned)sizeof *request);
         return -1;
     }
     memcpy(request, (const uint8_t *)message + sizeof header, sizeof *request);
@@ -60,49 +65,57 @@ static int32_t add_minutes(int32_t now, int32_t delay)
     return sum;
 }
 
-static TO_CHECK_ACCOUNT *find_account(const char *appid)
-{
-    TO_CHECK_ACCOUNT *account = wechat_account_chain;
-    while (account != nullptr && strcmp(account->appid, appid) != 0) {
-        account = account->next;
-    }
-    return account;
-}
-
 static TO_CHECK_ACCOUNT *add_account(const struct wechat_check_follow_req *request, int32_t now)
 {
     TO_CHECK_ACCOUNT *account = (TO_CHECK_ACCOUNT *)calloc(1, sizeof *account);
     if (account == nullptr) {
-        PELKIN_LOG_ERROR("Malloc TO_CHECK_ACCOUNT for appid(%s) failed.", request->appid);
+        PELKIN_LOG_AS(REGISTERING, ERROR, "Malloc TO_CHECK_ACCOUNT for appid(%s) failed.",
+                      request->appid);
         return nullptr;
     }
     memcpy(account->appid, request->appid, sizeof account->appid);
     memcpy(account->appsecret, request->appsecret, sizeof account->appsecret);
     account->token_expire_min = now;
-    account->next = wechat_account_chain;
-    wechat_account_chain = account;
-    PELKIN_LOG_DEBUG("added new appid(%s, addr:%p) to the wechat account chain", account->appid,
-                     (void *)account);
+    wechat_link_account(account);
+    PELKIN_LOG_AS(REGISTERING, DEBUG, "added new appid(%s, addr:%p) to the wechat account chain",
+                  account->appid, (void *)account);
     return account;
 }
 
 // The request's account with the request's secret, added when it is new; null without memory.
 static TO_CHECK_ACCOUNT *provide_account(const struct wechat_check_follow_req *request, int32_t now)
 {
-    TO_CHECK_ACCOUNT *account = find_account(request->appid);
+    TO_CHECK_ACCOUNT *account = wechat_find_account(request->appid);
     if (account == nullptr) {
         return add_account(request, now);
     }
     if (strcmp(account->appsecret, request->appsecret) != 0) {
         memcpy(account->appsecret, request->appsecret, sizeof account->appsecret);
         account->token_expire_min = now;
-        PELKIN_LOG_DEBUG("appsecret of appid(%s) changed", account->appid);
+        PELKIN_LOG_AS(REGISTERING, DEBUG, "appsecret of appid(%s) changed", account->appid);
     }
     return account;
 }
 
-static struct place find_place(const TO_CHECK_ACCOUNT *account, int32_t minute)
+// Somebody may have taken the leading clients off the account without a word to the lane, which
+// then begins with clients that are gone. The first one in the chain from which a lane goes on is
+// where the rest of it begins; not to find its last client costs nothing but speed.
+static void keep_lane_in_chain(TO_CHECK_ACCOUNT *account)
 {
+    if (account->express_for == account->clients) {
+        return;
+    }
+    TO_CHECK_CLIENT *client = account->clients;
+    while (client != nullptr && client->express == nullptr) {
+        client = client->next;
+    }
+    account->express = client;
+    account->express_for = account->clients;
+}
+
+static struct place find_place(TO_CHECK_ACCOUNT *account, int32_t minute)
+{
+    keep_lane_in_chain(account);
     struct place place = {};
     TO_CHECK_CLIENT *next = account->express;
     while (next != nullptr && next->expire_min <= minute) {
@@ -140,6 +153,7 @@ static void insert_client(TO_CHECK_ACCOUNT *account, TO_CHECK_CLIENT *client)
         client->express = *link;
         *link = client;
     }
+    account->express_for = account->clients;
 }
 
 static int32_t register_client(const struct wechat_check_follow_req *request, int32_t now)
@@ -150,19 +164,20 @@ static int32_t register_client(const struct wechat_check_follow_req *request, in
     }
     TO_CHECK_CLIENT *client = (TO_CHECK_CLIENT *)calloc(1, sizeof *client);
     if (client == nullptr) {
-        PELKIN_LOG_ERROR("Malloc TO_CHECK_CLIENT for client " PELKIN_MAC_FORMAT " failed.",
-                         PELKIN_MAC(request->mac));
+        PELKIN_LOG_AS(REGISTERING, ERROR,
+                      "Malloc TO_CHECK_CLIENT for client " PELKIN_MAC_FORMAT " failed.",
+                      PELKIN_MAC(request->mac));
         return -1;
     }
     memcpy(client->mac, request->mac, sizeof client->mac);
     memcpy(client->openid, request->openid, sizeof client->openid);
     client->expire_min = add_minutes(now, request->delay);
     insert_client(account, client);
-    PELKIN_LOG_DEBUG("added new client(addr:%p, mac:" PELKIN_MAC_FORMAT
-                     ", openid:%s) to the client chain of appid(%s, addr:%p), expire time:%dmin, "
-                     "cur time:%dmin",
-                     (void *)client, PELKIN_MAC(client->mac), client->openid, account->appid,
-                     (void *)account, client->expire_min, now);
+    PELKIN_LOG_AS(REGISTERING, DEBUG,
+                  "added new client(addr:%p, mac:" PELKIN_MAC_FORMAT ", openid:%s) to the client "
+                  "chain of appid(%s, addr:%p), expire time:%dmin, cur time:%dmin",
+                  (void *)client, PELKIN_MAC(client->mac), client->openid, account->appid,
+                  (void *)account, client->expire_min, now);
     return 0;
 }
 
@@ -174,9 +189,9 @@ int32_t wechat_req_msg_proc(const void *message, const struct sockaddr_un *, soc
     }
     const int32_t now = pelkin_cur_minute();
     wechat_print_req_msg(&request);
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     const int32_t rc = register_client(&request, now);
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
     return rc;
 }
 
@@ -192,6 +207,7 @@ TO_CHECK_CLIENT *wechat_detach_due_clients(TO_CHECK_ACCOUNT *account, int32_t no
     if (place.express != nullptr) {
         account->express = place.express->express;
     }
+    account->express_for = account->clients;
     return due;
 }
 
@@ -201,7 +217,7 @@ static void return_memory_now_and_then(void)
 #ifdef __GLIBC__
     static uint32_t freed; // follow-check thread only
     if (++freed % CLIENTS_FREED_PER_TRIM == 0) {
-        (void)malloc_trim(0);
+        malloc_trim(0);
     }
 #endif
 }
@@ -211,8 +227,9 @@ void wechat_free_clients(TO_CHECK_CLIENT *clients)
     while (clients != nullptr) {
         TO_CHECK_CLIENT *client = clients;
         clients = client->next;
-        PELKIN_LOG_DEBUG("to free client(addr:%p, mac:" PELKIN_MAC_FORMAT ", openid:%s)",
-                         (void *)client, PELKIN_MAC(client->mac), client->openid);
+        PELKIN_LOG_AS("wechat_check_clients_of_one_account", DEBUG,
+                      "to free client(addr:%p, mac:" PELKIN_MAC_FORMAT ", openid:%s)",
+                      (void *)client, PELKIN_MAC(client->mac), client->openid);
         free(client);
         return_memory_now_and_then();
     }
@@ -232,8 +249,7 @@ static TO_CHECK_ACCOUNT *detach_idle_accounts(void)
             kept += account->clients == nullptr ? 1 : 0;
             link = &account->next;
         } else {
-            *link = account->next;
-            account->next = nullptr;
+            wechat_unlink_account(link);
             *end = account;
             end = &account->next;
         }
@@ -243,9 +259,9 @@ static TO_CHECK_ACCOUNT *detach_idle_accounts(void)
 
 void wechat_delete_idle_account(void)
 {
-    (void)pthread_mutex_lock(&wechat_chain_mutex);
+    pthread_mutex_lock(&wechat_chain_mutex);
     TO_CHECK_ACCOUNT *account = detach_idle_accounts();
-    (void)pthread_mutex_unlock(&wechat_chain_mutex);
+    pthread_mutex_unlock(&wechat_chain_mutex);
     while (account != nullptr) {
         TO_CHECK_ACCOUNT *next = account->next;
         PELKIN_LOG_DEBUG("to delete idle appid(%s, addr:%p)", account->appid, (void *)account);

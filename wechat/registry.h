@@ -6,7 +6,9 @@
  *
  * A chain may hold tens of thousands of clients while the main thread must get on at once, so about
  * every 64th client, chosen at random, also stands in its account's express lane: a search runs
- * along the lane first and along the chain only for the last stretch.
+ * along the lane first and along the chain only for the last stretch. An account is found by
+ * wechat/account_index.h. Both leave the chains as they would be without them, and whoever changes
+ * a chain at its head (takes a run of due clients off an account, say) need not know of them.
  *
  * wechat_chain_mutex guards both chains and all that the two threads share. It is never held during
  * an exchange with the server.
@@ -30,6 +32,8 @@ extern "C" {
 /* Idle accounts that keep their token for the next request. */
 #define WECHAT_IDLE_ACCOUNTS_KEPT 11
 
+#define WECHAT_INDEX_CHILDREN 4
+
 /* One accepted request. Its account's until it is detached, then the follow-check thread's. */
 typedef struct TO_CHECK_CLIENT {
     uint8_t mac[PELKIN_MAC_SIZE];
@@ -39,15 +43,23 @@ typedef struct TO_CHECK_CLIENT {
     struct TO_CHECK_CLIENT *express; /* next one in the express lane; null outside the lane */
 } TO_CHECK_CLIENT;
 
+/* An account's place in the index. All zeros: it is not in it. */
+struct wechat_index_node {
+    uint64_t hash;
+    struct TO_CHECK_ACCOUNT *children[WECHAT_INDEX_CHILDREN];
+};
+
 /* One official account. Freed by the follow-check thread alone. */
 typedef struct TO_CHECK_ACCOUNT {
     char appid[WECHAT_APPID_SIZE];               /* never changes */
     char appsecret[WECHAT_APPSECRET_SIZE];       /* the latest one received; mutex */
     char access_token[WECHAT_ACCESS_TOKEN_SIZE]; /* written and read by the follow-check thread */
-    int32_t token_expire_min;      /* minute from which the token counts as expired; mutex */
-    struct TO_CHECK_ACCOUNT *next; /* mutex */
-    TO_CHECK_CLIENT *clients;      /* ascending by due minute, equal ones by arrival; mutex */
-    TO_CHECK_CLIENT *express;      /* the express lane of `clients`; mutex */
+    int32_t token_expire_min;       /* minute from which the token counts as expired; mutex */
+    struct TO_CHECK_ACCOUNT *next;  /* mutex */
+    TO_CHECK_CLIENT *clients;       /* ascending by due minute, equal ones by arrival; mutex */
+    TO_CHECK_CLIENT *express;       /* the express lane of `clients`; mutex */
+    TO_CHECK_CLIENT *express_for;   /* the head of `clients` to which the lane belongs; mutex */
+    struct wechat_index_node index; /* mutex */
 } TO_CHECK_ACCOUNT;
 
 /* The newest account first. */
