@@ -118,8 +118,7 @@ TEST_F(Load, LargeTasksFillThePipeAndRefusedOnesCostNothing)
         const size_t refused =
             log.count("failed to send task to thread. msg_id:15000009") - refused_before;
         if (round == 0) {
-            EXPECT_GT(refused, 10u);
-            EXPECT_LT(refused, 55u);
+            EXPECT_LT(refused, 46u); // a megabyte, which the system grants anybody, is for 16
             EXPECT_GE(log.count("failed to send data, send buffer is full? err(11):"), refused);
             gate.open(); // further rounds find a worker that is as it was
         }
