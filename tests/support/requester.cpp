@@ -10,16 +10,6 @@
 namespace support
 {
 
-std::string message(uint32_t msg_id, const std::string &payload)
-{
-    const ipc_msg_hdr header = {.reserved0 = 0,
-                                .src_module = 1,
-                                .reserved2 = 0,
-                                .msg_id = msg_id,
-                                .len = (uint32_t)payload.size()};
-    return bytes_of(header) + payload;
-}
-
 std::string datagram(const Request &request)
 {
     std::string data;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/ipc_msg.h"
+#include "tests/support/messages.h"
 #include "tests/support/wait.h"
 
 namespace support
@@ -26,14 +27,7 @@ struct Request {
     std::optional<std::string> data = std::nullopt; // instead of `address`, `text` and a NUL
 };
 
-/* The first `size` bytes of a record. */
-template <typename Record> std::string bytes_of(const Record &record, size_t size = sizeof(Record))
-{
-    return {(const char *)&record, size};
-}
-
-/* An enveloped message, and the datagram of a request. */
-std::string message(uint32_t msg_id, const std::string &payload);
+/* Its datagram. */
 std::string datagram(const Request &request);
 
 /* A bound socket that sends to the daemon and receives its answers. */
