@@ -1,27 +1,13 @@
-/*
- * Faults that no system call shows, for the running daemon under LD_PRELOAD (scripts/faults): the
- * n-th memory allocation fails, the wall clock jumps. They are steered through a file that is
- * mapped from the path in PELKIN_FAULT_CONTROL, four 32-bit integers in host byte order:
- *
- *   0  first allocation that fails, counted from 1; 0: none does
- *   4  how many fail from there on
- *   8  allocations made since this was last set to 0, counted here
- *  12  seconds that are added to time()
- */
+/* Faults that no system call shows, for the running daemon under LD_PRELOAD (scripts/faults): the
+ * n-th memory allocation fails, the wall clock jumps. */
 #include <errno.h>
 #include <fcntl.h>
-#include <stdint.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
-struct fault_control {
-    int32_t first_failing;
-    int32_t failing;
-    int32_t made;
-    int32_t clock_offset_s;
-};
+#include "tests/faults/fault_control.h"
 
 static struct fault_control *control;
 

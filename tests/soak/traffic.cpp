@@ -13,6 +13,9 @@
 namespace soak
 {
 
+// Of a request's data behind its address: what a datagram has room for.
+static const size_t DATA_MAX =
+    PELKIN_MSG_MAX - sizeof(ipc_msg_hdr) - sizeof(http_req_msg) - PELKIN_MAC_SIZE;
 static const double RATE = 200;           // datagrams a second at most
 static const size_t OPEN_MAX = 30;        // at a faithful server: their tasks fit into its pipe
 static const uint32_t SENT_DEAF_MAX = 20; // by one that doesn't read: each holds a worker up
@@ -71,11 +74,10 @@ static std::string make_batch(uint32_t number, Plan &plan, Random &random, std::
 }
 
 // As make_batch(), of all other kinds.
-static std::string make_plain(uint32_t number, Plan &plan, Random &random, std::string &data)
+static std::string make_plain(uint32_t number, Plan &plan, Random &random, std::string &data,
+                              size_t room)
 {
     const std::string address = station_address(number, 0);
-    const size_t room =
-        PELKIN_MSG_MAX - sizeof(ipc_msg_hdr) - sizeof(http_req_msg) - address.size();
     std::string text(std::min(draw_size(random), room), 'a');
     for (char &letter : text) {
         letter = (char)('a' + random() % 26);
@@ -134,11 +136,15 @@ Plan plan_of(uint32_t number, size_t target)
     if (target == API) {
         return plan_follow(number, random);
     }
-    const auto &row = pick(rows, random() % 100);
+    // A slow server's pipe must have room for a burst.
+    const bool is_slow = server.temper == Temper::SLOW;
+    const size_t room = is_slow ? 2000 : DATA_MAX;
+    const auto &row = is_slow ? rows[0] : pick(rows, random() % 100);
     Plan plan = {.kind = row.kind};
     std::string data;
     const bool is_batch = row.kind == Kind::BATCH;
-    const std::string text = (is_batch ? make_batch : make_plain)(number, plan, random, data);
+    const std::string text = is_batch ? make_batch(number, plan, random, data)
+                                      : make_plain(number, plan, random, data, room);
     const bool post = is_batch || random() % 2 == 0;
     const std::string path = "/r/" + hex(number);
     plan.datagram =
