@@ -1,10 +1,9 @@
-#include "fuzz/answer_model.h"
-
 #include <algorithm>
 #include <stdint.h>
 #include <string_view>
 
-#include "fuzz/number_model.h"
+#include "fuzz/harness.h"
+#include "fuzz/scripted_server.h"
 
 static const std::string_view blank_line = "\r\n\r\n";
 static const std::string_view key = "Content-Length: ";

@@ -7,7 +7,6 @@
 #include <memory>
 #include <string.h>
 
-#include "fuzz/answer_model.h"
 #include "fuzz/harness.h"
 #include "fuzz/scripted_server.h"
 #include "http/exchange.h"
@@ -33,13 +32,12 @@ static std::vector<piece> cut_into_pieces(const std::string &descriptions, size_
         const size_t wanted = code % 32 < 16 ? code % 32 : (size_t)1 << (code % 32 - 12);
         const size_t taken = std::min(wanted, length);
         if (taken > 0) {
-            pieces.push_back(
-                {taken, (enum before_piece)((code >> 5 & 3) % PIECE_COUNT), (code & 0x80) != 0});
+            pieces.push_back({taken, (code >> 5 & 3) % 3 != 0});
             length -= taken;
         }
     }
     if (length > 0) {
-        pieces.push_back({length, PIECE_AT_ONCE, false});
+        pieces.push_back({length, false});
     }
     return pieces;
 }
@@ -59,7 +57,7 @@ static script_block take_block(struct input *input, size_t size)
     const uint8_t before = take_byte(input);
     const uint8_t after = take_byte(input);
     block.before = (enum before_request)(before % 16 < BEFORE_COUNT ? before % 16 : BEFORE_QUIET);
-    block.reconnection = (enum reconnection)(before / 16 < RECONNECTION_COUNT ? before / 16 : 0);
+    block.refuses_connection = before / 16 == 1;
     block.end = (enum answer_end)(after % END_COUNT);
     const uint8_t filling = take_byte(input);
     const std::string descriptions = take_bytes(input, take_byte(input));
@@ -81,15 +79,15 @@ static char *provide_buffer(size_t which)
 
 static result check_answer(int32_t rc, const char *buffer, int32_t length, size_t size)
 {
-    const script_block *block = server_answered();
-    const model_answer expected = block != nullptr ? model_answer_of(block, size) : model_answer{};
+    const model_answer expected =
+        server.answered != nullptr ? model_answer_of(server.answered, size) : model_answer{};
     require((rc == 0) == (expected.is_answer && expected.is_cut_off), "whether there is an answer");
     if (!expected.is_answer) {
-        require(server_attempts() == ATTEMPTS_MAX || server_refused_reconnection(),
+        require(server.attempts == ATTEMPTS_MAX || server.is_refused,
                 "a failed request is repeated");
         return {};
     }
-    require(server_is_open() == expected.is_clean,
+    require(server.is_connected == expected.is_clean,
             "the connection stays open behind an answer that ended as announced, and only then");
     if (rc != 0) {
         require(length == 0, "an answer without a blank line is none");
@@ -103,20 +101,25 @@ static result check_answer(int32_t rc, const char *buffer, int32_t length, size_
 static std::vector<result> carry_out(const std::vector<script_block> &script, bool is_https,
                                      size_t which)
 {
+    static uint64_t tls_object; // that only the wrapped functions touch
+    SSL *const tls = reinterpret_cast<SSL *>(&tls_object);
     static struct http_task task;
     task.host[0] = 'h';
     task.path[0] = '/';
     task.is_https = is_https ? 1 : 0;
     std::vector<result> results;
-    server_start(&script);
+    server = {};
+    server.script = &script;
     int32_t sock = server_open();
     while (server_has_more()) {
         char *buffer = provide_buffer(which);
         int32_t length = 0;
-        server_begin_exchange();
-        const int32_t rc = _pelkin_send_recv(&sock, is_https ? server_tls() : nullptr, &task,
-                                             buffer, sizes[which], &length);
-        require(server_attempts() <= ATTEMPTS_MAX, "the number of attempts");
+        server.attempts = 0;
+        server.is_refused = false;
+        server.answered = nullptr;
+        const int32_t rc = _pelkin_send_recv(&sock, is_https ? tls : nullptr, &task, buffer,
+                                             sizes[which], &length);
+        require(server.attempts <= ATTEMPTS_MAX, "the number of attempts");
         results.push_back(check_answer(rc, buffer, length, (size_t)sizes[which]));
         if (rc != 0) {
             sock = server_open(); // as the next worker does

@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <string>
+#include <string_view>
 
 // An input as far as it has not been taken. Taken from the front; what is missing reads as zero.
 struct input {
@@ -20,6 +21,10 @@ std::string take_bytes(struct input *input, size_t length);
 
 // The text up to its NUL, or the whole field when it has none.
 std::string text_of_field(const char *field, size_t size);
+
+// A decimal number as scanf's "%d" finds it: behind white-space, with a sign or without. False when
+// there is none. Beyond 32 bits the number is only known to lie beyond them.
+bool model_number(std::string_view text, int64_t *number);
 
 // Ends the run with a finding, which carries the text, when something does not hold.
 void require(bool holds, const char *what);

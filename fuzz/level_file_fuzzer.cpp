@@ -3,7 +3,6 @@
 
 #include "core/daemon/signals.h"
 #include "fuzz/harness.h"
-#include "fuzz/number_model.h"
 #include "fuzz/stand_in_files.h"
 #include "log/log.h"
 

@@ -1,11 +1,10 @@
 // The core-dump set-up against any environment and hardware file. One input is what is there (8
 // bits, see below), three texts with their lengths (8 bits each): the process's name, the PLATFORM
-// variable, the hardware file; and the environment file in the rest. The kernel's settings are
-// stand-ins, and the limit only written down.
+// variable, the hardware file; and the environment file in the rest. What the file names must be
+// set up as if the variable named it. The kernel's settings are stand-ins, the limit only written
+// down.
 #include <algorithm>
-#include <map>
 #include <stdlib.h>
-#include <strings.h>
 
 #include "crash/core_setup.h"
 #include "fuzz/harness.h"
@@ -78,34 +77,6 @@ static bool model_environment(std::string content, std::string *platform)
     return false;
 }
 
-static bool is_daemon(const std::string &name)
-{
-    const std::string base = name.substr(name.rfind('/') + 1);
-    for (const std::string daemon :
-         {"trundel", "kivren", "lorix", "vesk", "mavrid", "dobbert", "pelkin"}) {
-        if (base.compare(0, daemon.size(), daemon) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// The pattern that must be set, or nothing.
-static std::string model_pattern(std::string platform, const std::string &hardware)
-{
-    static const std::map<std::string, std::string> patterns = {
-        {"qx4410", "/etc/quorvane/dump/%e.core"},
-        {"brin900", "/etc/quorvane/dump/%e.core"},
-        {"brin900lt", "/tmp/dump/%e.core"},
-        {"fenwold-standard", "|/bin/kelm_run.sh fenwold-compress-coredump %e"}};
-    if (strcasecmp(platform.c_str(), "brin900") == 0 && hardware.size() >= 7 &&
-        strcasecmp(hardware.substr(0, 7).c_str(), "k0900lt") == 0) {
-        platform = "brin900lt";
-    }
-    const auto row = patterns.find(platform);
-    return row == patterns.end() ? "" : row->second;
-}
-
 static void put_if(bool exists, const char *path, const std::string &content)
 {
     stand_in_put(path, content);
@@ -120,6 +91,27 @@ static std::string take_text(struct input *input)
     return text.substr(0, text.find('\0'));
 }
 
+// What the set-up writes: pattern, pid switch, limits.
+static std::string set_up(const char *name, const std::string *platform)
+{
+    (void)unsetenv("PLATFORM");
+    if (platform != nullptr) {
+        (void)setenv("PLATFORM", platform->c_str(), 1);
+    }
+    stand_in_put(CORE_PATTERN_FILE, OLD);
+    stand_in_put(CORE_USES_PID_FILE, OLD);
+    limits[0] = limits[1] = OLD_LIMIT;
+    core_dump_setup(name);
+    const std::string uses_pid = stand_in_content(CORE_USES_PID_FILE);
+    const bool is_set = uses_pid[0] == '0';
+    require(uses_pid.substr(1) == OLD.substr(1), "the pid switch");
+    require(limits[0] == limits[1] && limits[0] == (is_set ? RLIM_INFINITY : OLD_LIMIT),
+            "the limits follow the switch");
+    const std::string pattern = stand_in_content(CORE_PATTERN_FILE);
+    require(is_set != (pattern == OLD), "the pattern follows the switch");
+    return pattern;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     [[maybe_unused]] static const bool in_place = stand_ins_are_in_place();
@@ -129,30 +121,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     std::string platform = take_text(&input);
     const std::string hardware = take_bytes(&input, take_byte(&input));
     const std::string environment = take_bytes(&input, input.size);
-    (void)unsetenv("PLATFORM");
-    bool is_known = (there & HAS_VARIABLE) != 0;
-    if (is_known) {
-        (void)setenv("PLATFORM", platform.c_str(), 1);
-    } else if ((there & HAS_ENVIRONMENT_FILE) != 0) {
-        is_known = model_environment(environment, &platform);
-    }
     put_if((there & HAS_ENVIRONMENT_FILE) != 0, CORE_ENVIRONMENT_FILE, environment);
     put_if((there & HAS_HARDWARE_FILE) != 0, CORE_HARDWARE_FILE, hardware);
-    put_if(true, CORE_PATTERN_FILE, OLD);
-    put_if(true, CORE_USES_PID_FILE, OLD);
-    limits[0] = limits[1] = OLD_LIMIT;
-    core_dump_setup(name.c_str());
-
-    const std::string pattern =
-        is_known && is_daemon(name)
-            ? model_pattern(platform, (there & HAS_HARDWARE_FILE) != 0 ? hardware : "")
-            : "";
-    const std::string uses_pid = pattern.empty() ? "" : "0";
-    const rlim_t limit = pattern.empty() ? OLD_LIMIT : RLIM_INFINITY;
-    require(stand_in_content(CORE_PATTERN_FILE) == pattern + OLD.substr(pattern.size()),
-            "the pattern");
-    require(stand_in_content(CORE_USES_PID_FILE) == uses_pid + OLD.substr(uses_pid.size()),
-            "the pid switch");
-    require(limits[0] == limit && limits[1] == limit, "the limits");
+    if ((there & HAS_VARIABLE) != 0) {
+        (void)set_up(name.c_str(), &platform);
+    } else {
+        const bool is_known =
+            (there & HAS_ENVIRONMENT_FILE) != 0 && model_environment(environment, &platform);
+        const std::string by_file = set_up(name.c_str(), nullptr);
+        require(is_known ? by_file == set_up(name.c_str(), &platform) : by_file == OLD,
+                "what the file names");
+    }
     return 0;
 }

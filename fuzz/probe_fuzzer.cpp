@@ -1,12 +1,9 @@
 // Datagrams to the monitor's socket. One input is the daemon's module id (8 bits) and up to 16
 // datagrams: who sends it (8 bits: even, a prober with a name; odd, one without), and the datagram
 // (length in 16 bits, bytes).
-#include <algorithm>
-#include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include "core/daemon/monitor.h"
 #include "core/ipc_msg.h"
@@ -22,18 +19,15 @@ struct sockets {
 
 static struct sockets open_sockets(void)
 {
+    static const char monitor_path[] = "/tmp/probe_fuzzer";
     struct sockaddr_un monitor = {.sun_family = AF_UNIX, .sun_path = ""};
-    struct sockaddr_un prober = {.sun_family = AF_UNIX, .sun_path = ""};
-    (void)snprintf(monitor.sun_path, sizeof monitor.sun_path, "/tmp/probe_fuzzer.%d", getpid());
-    (void)snprintf(prober.sun_path, sizeof prober.sun_path, "%s.prober", monitor.sun_path);
-    const struct sockets sockets = {vokmon_open_sock(monitor.sun_path, 0),
-                                    vokmon_open_sock(prober.sun_path, 0),
+    memcpy(monitor.sun_path, monitor_path, sizeof monitor_path);
+    const struct sockets sockets = {vokmon_open_sock(monitor_path, 0),
+                                    vokmon_open_sock("/tmp/probe_fuzzer.prober", 0),
                                     socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    const auto *address = (const struct sockaddr *)&monitor;
-    require(connect(sockets.named, address, sizeof monitor) == 0 &&
-                connect(sockets.unnamed, address, sizeof monitor) == 0,
-            "the sockets");
-    (void)unlink(monitor.sun_path);
+    for (const int32_t sock : {sockets.named, sockets.unnamed}) {
+        require(connect(sock, (const struct sockaddr *)&monitor, sizeof monitor) == 0, "a prober");
+    }
     return sockets;
 }
 

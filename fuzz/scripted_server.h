@@ -7,71 +7,64 @@
 #include <openssl/ssl.h>
 #include <stdint.h>
 #include <string>
+#include <string_view>
 #include <vector>
 
 enum before_request {
     BEFORE_QUIET,
-    BEFORE_INTERRUPTED, // the first look is, the second finds it quiet
-    BEFORE_STRAY_BYTE,  // something waits that was not asked for
+    BEFORE_STRAY_BYTE, // something waits that was not asked for
     BEFORE_CLOSED,
     BEFORE_SILENT, // no room to write
     BEFORE_WRITE_FAILS,
     BEFORE_COUNT,
 };
-
-enum before_piece {
-    PIECE_AT_ONCE,
-    PIECE_LATE_READABLE, // a read comes too early
-    PIECE_LATE_WRITABLE, // the same; TLS must write first
-    PIECE_COUNT,
-};
-
-enum answer_end {
-    END_CLOSED,
-    END_BROKEN,
-    END_SILENT,
-    END_WAIT_FAILS,
-    END_COUNT,
-};
-
-enum reconnection {
-    RECONNECTION_WORKS,
-    RECONNECTION_NO_SOCKET,
-    RECONNECTION_REFUSED,
-    RECONNECTION_COUNT,
-};
+enum answer_end { END_CLOSED, END_BROKEN, END_SILENT, END_WAIT_FAILS, END_COUNT };
 
 // Bytes that are read at once, if the buffer has the room.
 struct piece {
     size_t length;
-    enum before_piece before;
-    bool comes_with_previous; // TLS: taken off the socket together with the piece before
+    bool is_late; // a read comes too early
 };
 
 struct script_block {
-    enum reconnection reconnection; // how the connection comes about, if a new one is needed
+    bool refuses_connection; // if a new one is needed
     enum before_request before;
     std::string answer;
     std::vector<piece> pieces; // of the answer; their lengths are above 0 and sum up to its own
     enum answer_end end;
 };
 
-// Starts a script. Without a connection, which server_open() makes; it returns the socket.
-void server_start(const std::vector<script_block> *script);
+// Where the server stands in its script.
+struct server_state {
+    const std::vector<script_block> *script;
+    size_t next;                  // block of the next attempt
+    const script_block *answered; // whose answer the exchange has read; null: none arrived
+    int attempts;                 // of the exchange
+    bool is_refused;              // a reconnection was
+    int sock;
+    bool is_connected;
+    const script_block *block; // null: nothing has been asked over this connection yet
+    size_t piece;              // the one that is being read
+    size_t piece_done;         // bytes of it
+    size_t done;               // bytes of the answer
+    bool was_late;             // the piece's early read has happened
+    int tls_error;             // of the latest call
+};
+extern struct server_state server;
+
+// Connects; returns the socket, a number that no descriptor of the process's own has.
 int32_t server_open(void);
 bool server_has_more(void); // whether a block of the script is left
 
-// Counts the attempts of the exchange that begins.
-void server_begin_exchange(void);
-int server_attempts(void);
-// The block whose answer the exchange has read; null when no request arrived.
-const script_block *server_answered(void);
-
-bool server_refused_reconnection(void);
-// Whether the connection is open for another request.
-bool server_is_open(void);
-
-// A TLS object that only the wrapped functions may touch.
-SSL *server_tls(void);
+// What must become of an answer read into `size` bytes, worked out from its bytes and where they
+// are cut, independently of the reader under test.
+struct model_answer {
+    bool is_answer;        // something arrived
+    bool is_cut_off;       // the head could be: there is a blank line
+    std::string_view body; // of the block; or the whole answer, when it has no body
+    bool is_clean;         // it ended at its announced length
+    bool depends_on_cut;   // its announced length may: the key or its number lies behind the head
+};
+model_answer model_answer_of(const script_block *block, size_t size);
 
 #endif

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "fuzz/harness.h"
+#include "tests/support/messages.h"
 
 // "scheme://host/path rest": the scheme may be missing, the path and the rest too.
 static bool split_url(std::string url, struct http_task *task)
@@ -55,15 +56,6 @@ bool model_task(uint32_t msg_id, const std::string &request, const struct sender
 
 std::string model_request_text(const struct http_task *task)
 {
-    const std::string data = text_of_field((const char *)task->data, sizeof task->data);
-    const bool is_post = task->http_req_type == PELKIN_HTTP_POST;
-    std::string text = is_post ? "POST " : "GET ";
-    text += task->path;
-    text += is_post || data.empty() ? "" : "?" + data;
-    text += " HTTP/1.0\r\nHost: ";
-    text += task->host;
-    text += "\r\nConnection: keep-alive\r\nUser-Agent: pelkin\r\n"
-            "Content-type: application/x-www-form-urlencoded\r\nContent-Length: ";
-    text += std::to_string(is_post ? data.size() : 0) + "\r\n\r\n";
-    return text + (is_post ? data : "");
+    return support::request_text(task->http_req_type == PELKIN_HTTP_POST, task->host, task->path,
+                                 text_of_field((const char *)task->data, sizeof task->data));
 }
