@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <pty.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -68,9 +69,10 @@ struct Outcome {
     std::string out, error;
 };
 
-static Outcome run_client(const Arguments &arguments, const std::string &program = PELKINCTL)
+static Outcome run_client(const Arguments &arguments, const std::string &program = PELKINCTL,
+                          const std::string &input = "/dev/null")
 {
-    Client client(arguments, OWN_FILE, program);
+    Client client(arguments, OWN_FILE + (" <" + input), program);
     const int status = client.wait();
     return {status, client.out(), client.error_text()};
 }
@@ -103,6 +105,7 @@ TEST(Client, RequestsCarryWhatTheArgumentsSay)
         return message(PELKIN_MSG_WECHAT_CHECK_FOLLOW_REQ, bytes_of(client, sizeof client));
     };
     const std::string longest(1024, 'd');
+    write_file("/tmp/query", "a=b\n");
     const struct {
         Arguments arguments;
         Arguments messages; // of a URL, its text, id, way back, method, file and station
@@ -110,6 +113,10 @@ TEST(Client, RequestsCarryWhatTheArgumentsSay)
         {{"get", "h/p"}, {datagram({.url = "h/p", .msg_id = 0x15000001, .data = NONE + '\0'})}},
         {{"get", "https://h", "--data", "a=b", "--mac", MAC, "--msg-id", "77"},
          {datagram({"https://h", "a=b", 77, PELKIN_RESP_SOCKET, 0, "", STATION})}},
+        {{"get", "h", "--data", "@/tmp/query"},
+         {datagram({"h", "a=b", 0x15000001, PELKIN_RESP_SOCKET, 0, "", NONE})}},
+        {{"post", "h", "--data", "@/tmp/query", "--analyse"},
+         {datagram({"h", "a=b\n", 0x15000001, PELKIN_RESP_ANALYSE, PELKIN_HTTP_POST, "", NONE})}},
         {{"get", "h", "--file", "x", "--msg-id", "0xFFFFFFFF", "--data", longest},
          {datagram({"h", longest, 0xFFFFFFFF, PELKIN_RESP_FILE, 0, "/tmp/x", NONE})}},
         {{"post", "h", "--data", "-a b\n", "--analyse", "--msg-id", "0x15000004"},
@@ -145,6 +152,7 @@ TEST(Client, RequestsCarryWhatTheArgumentsSay)
 TEST(Client, WrongUsageIsStatusOneAndSendsNothing)
 {
     write_file("/tmp/bad", MAC + ",o,a,s,5\n" + MAC + ",o,a,s,five\n");
+    write_file("/tmp/nul", std::string("a\0b", 3));
     const Arguments get = {"get", "h"};
     const Arguments batch = {"reauth", "h", "--secret", "s", "--tag"};
     const Arguments client = {"check-follow", "--mac", MAC};
@@ -154,9 +162,24 @@ TEST(Client, WrongUsageIsStatusOneAndSendsNothing)
         std::vector<Arguments> ends;
     } cases[] = {
         {{}, {{}, {"fetch"}, {"post", "h"}, {"ignore"}, {"ignore", "--result", "maybe"}}},
-        {{"get"}, {{}, {""}, {"http:///path"}, {"h/a b"}, {"h\r\nX: y/"}}},
+        {{"get"},
+         {{}, {""}, {"http:///path"}, {"h/a b"}, {"h\r\nX: y/"}, {"h:8080/"}, {"ftp://h"}}},
+        {{"get"},
+         {{"HTTP://h"},
+          {"u@h"},
+          {"h?x"},
+          {"[::1]"},
+          {"h", "h:80"},
+          {"-"},
+          {"a", "b", "--file", "x"}}},
         {{"get"}, {{std::string(128, 'h')}, {std::string("h/").append(254, 'p')}}},
-        {get, {{"--data", "a b"}, {"--data", std::string(1025, 'd')}}},
+        {get,
+         {{"--data", "a b"},
+          {"--data", std::string(1025, 'd')},
+          {"--data", "@/tmp/none"},
+          {"--data", "@/tmp/nul"}}},
+        {get, {{"--parallel", "0"}, {"--parallel", "33"}}},
+        {{"log"}, {{"--grep", "("}, {"--level", "8"}, {"--for", "0"}}},
         {get, {{"--file", "/tmp/x", "--analyse"}, {"--file", std::string("/").append(141, 'f')}}},
         {get, {{"--mac", "02:00:00:00:00"}, {"--mac", "02:00:00:00:00:0g"}}},
         {get, {{"--msg-id", "0x100000000"}, {"--msg-id", "-1"}, {"--msg-id", "0x15000005"}}},
@@ -177,15 +200,21 @@ TEST(Client, WrongUsageIsStatusOneAndSendsNothing)
             const Outcome outcome = run_client(arguments);
             EXPECT_EQ(outcome.status, 1) << testing::PrintToString(arguments);
             EXPECT_EQ(outcome.out, "");
-            EXPECT_NE(outcome.error, "");
+            EXPECT_EQ(outcome.error.rfind("pelkinctl: ", 0), 0u) << outcome.error;
+            EXPECT_EQ(outcome.error.find('\n') + 1, outcome.error.size()) << outcome.error;
             EXPECT_FALSE(fake.receive(0)) << testing::PrintToString(arguments);
         }
     }
     for (const Arguments &arguments : {Arguments{"--help"}, {"get", "--help"}, {"--version"}}) {
         const Outcome outcome = run_client(arguments);
         EXPECT_EQ(outcome.status, 0);
-        EXPECT_NE(outcome.out, "");
         EXPECT_EQ(outcome.error, "");
+        std::istringstream lines(outcome.out);
+        std::string line;
+        while (std::getline(lines, line)) {
+            EXPECT_LE(line.size(), 100u) << line;
+        }
+        EXPECT_NE(outcome.out, "");
     }
 }
 
@@ -265,8 +294,89 @@ TEST(Client, SocketsGoWithEverySignal)
         (void)kill(client.pid, number);
         EXPECT_EQ(client.wait(), 128 + number);
         EXPECT_EQ(reply_socket(), "") << number;
-        EXPECT_FALSE(exists(KIVREN_SOCKET_PATH)) << number;
+        EXPECT_FALSE(exists(KIVREN_SOCKET_PATH) || exists(SMART_TTY_SERVICE_PATH)) << number;
     }
+}
+
+static std::string record(uint32_t level, const std::string &text)
+{
+    const smart_tty_msg head = {"PELKIN", 0, level, SMART_TTY_KIND, ""};
+    return bytes_of(head, SMART_TTY_HEADER_SIZE) + text;
+}
+
+// Whose end it was is not to be mistaken: each of these leaves the request alive.
+TEST(Client, OnlyTheEndOfItsOwnWorkerEndsARequest)
+{
+    const Requester fake(PELKIN_SOCKET_PATH);
+    const std::vector<Arguments> cases = {
+        {"exit: h:443", "exit: hh:80"},
+        {"h:80 will exit because write side pipe has been closed.", "exit: h:80"},
+        {"exit: h:80", "begin: h:80"}, // it came too late for the first one
+    };
+    for (const Arguments &texts : cases) {
+        Client client({"get", "h", "--timeout", "0.4"});
+        ASSERT_TRUE(fake.receive());
+        for (const std::string &text : texts) {
+            EXPECT_TRUE(fake.send(record(5, "f():thread " + text + "\n"), SMART_TTY_SERVICE_PATH));
+        }
+        EXPECT_EQ(client.wait(), 3) << texts[0];
+    }
+    Client client({"get", "h"});
+    ASSERT_TRUE(fake.receive());
+    for (const char *text : {"connect fail. mine", "can't get \"other\" host entry",
+                             "can't connect to h:80", "Socket Read error of another"}) {
+        EXPECT_TRUE(fake.send(record(3, std::string("f():") + text), SMART_TTY_SERVICE_PATH));
+    }
+    EXPECT_EQ(client.wait(), 4);
+    EXPECT_TRUE(contains(client.error_text(), "no connection (connect fail. mine)"));
+}
+
+TEST(Client, FailuresAreToldWithTheirCauseAndGoodTokensApart)
+{
+    Server server({}, serve_bodies([](const std::string &request) {
+                      return request.substr(5, request.find(' ', 5) - 5);
+                  }));
+    const Daemon daemon;
+    const auto verify = [](const std::string &answer) {
+        return Arguments{"fbauth", "127.0.0.1/" + answer, "--mac", MAC, "--data",
+                         "t",      "--as-kivren"};
+    };
+    const struct {
+        Arguments arguments;
+        int status;
+        std::string out, error;
+    } cases[] = {
+        {{"get", "127.0.0.2"}, 4, "", "127.0.0.2:80: no connection (connect fail. errno=111"},
+        {{"get", "https://127.0.0.2"}, 4, "", "127.0.0.2:443: no connection"},
+        {{"get", "no.such.host"}, 4, "", "host name not found (can't get \"no.such.host\""},
+        {{"get", "127.0.0.1/a", "127.0.0.3", "127.0.0.1/b", "127.0.0.1/c\n", "--parallel", "3"},
+         1,
+         "",
+         "URL"},
+        {{"get", "127.0.0.1/a", "127.0.0.3", "127.0.0.1/b", "--parallel", "3"},
+         4,
+         "a\nb\n",
+         "127.0.0.3: "},
+        {verify("{\"valid\":true}?"), 0, "keep station " + MAC + ": valid is true\n", ""},
+        {verify("{\"valid\":}?"), 4, "", "The valid is invalid"},
+        {verify("none"), 4, "", "The response format is incorrect."},
+        {{"fbauth", "127.0.0.2", "--mac", MAC, "--data", "t", "--as-kivren"},
+         4,
+         "",
+         "no connection"},
+    };
+    for (const auto &one : cases) {
+        const Outcome outcome = run_client(one.arguments);
+        EXPECT_EQ(outcome.status, one.status) << one.arguments[1];
+        EXPECT_EQ(outcome.out, one.out) << one.arguments[1];
+        EXPECT_TRUE(contains(outcome.error, one.error)) << outcome.error;
+    }
+    write_file("/tmp/urls", "127.0.0.1/1\n# none\n127.0.0.1/2\n");
+    EXPECT_EQ(run_client({"get", "-", "--parallel", "2"}, PELKINCTL, "/tmp/urls").out, "1\n2\n");
+    const LogSink service; // the log is another's: what is left is the worker's thread
+    const Outcome outcome = run_client({"get", "127.0.0.4"});
+    EXPECT_EQ(outcome.status, 4);
+    EXPECT_TRUE(contains(outcome.error, "its worker has ended")) << outcome.error;
 }
 
 // What comes to the station manager's socket while pelkinctl serves it.
@@ -417,6 +527,7 @@ TEST(Watching, OnlyAReplyToTheProbeIsASignOfLifeAndStatusTellsTheRest)
 {
     const Arguments probe = {"probe", "--json", "--timeout", "0.2"};
     EXPECT_EQ(run_client(probe).status, 2);
+    EXPECT_EQ(run_client({"wait", "--timeout", "0.1"}).status, 2);
     {
         const Requester monitor(PELKIN_MONITOR_SOCKET_PATH);
         Client client({"probe", "--json", "--timeout", "1"});
@@ -427,26 +538,44 @@ TEST(Watching, OnlyAReplyToTheProbeIsASignOfLifeAndStatusTellsTheRest)
         EXPECT_EQ(client.wait(), 3);
         EXPECT_EQ(client.out(), "{\"alive\":false,\"answer_ms\":null}\n");
     }
+    Client waiting({"wait"});
     Daemon daemon;
-    ASSERT_TRUE(wait_until([] { return is_served(PELKIN_MONITOR_SOCKET_PATH); }));
+    EXPECT_EQ(waiting.wait(), 0) << waiting.error_text();
+    EXPECT_EQ(run_client({"probe", "-q"}).out, "");
     const Outcome alive = run_client({"probe", "--json"});
     EXPECT_EQ(alive.status, 0);
     EXPECT_EQ(alive.out.rfind("{\"alive\":true,\"answer_ms\":", 0), 0u) << alive.out;
 
-    write_file(PELKIN_LEVEL_FILE, " 6 rest");
+    // A second daemon fails to start, and leaves its own number.
+    EXPECT_EQ(Daemon({"PELKIN"}, false).wait_for_end(), 0);
+    write_file(PELKIN_LEVEL_FILE, " 99999999999 rest");
     write_file(PELKIN_IGNORE_RESULT_FILE, "");
-    const Outcome status = run_client({"status", "--json"});
-    EXPECT_EQ(status.status, 0);
-    for (const std::string &part :
-         {"{\"pid\":" + std::to_string(daemon.pid) + ",\"problem\":null,\"alive\":true,",
-          std::string("\"level_file\":6,\"ignore_verification\":false,\"ignore_result\":true,"),
-          "\"threads\":" + std::to_string(count_threads(daemon.pid)) + ","}) {
-        EXPECT_TRUE(contains(status.out, part)) << status.out;
+    const auto expect_status = [&](const std::string &state) {
+        const Outcome status = run_client({"status", "--json"});
+        EXPECT_EQ(status.status, 0);
+        for (const std::string &part :
+             {"{\"pid\":" + std::to_string(daemon.pid) + ",\"problem\":null,\"alive\":true,", state,
+              "\"threads\":" + std::to_string(count_threads(daemon.pid)) + ","}) {
+            EXPECT_TRUE(contains(status.out, part)) << status.out;
+        }
+        EXPECT_FALSE(contains(status.out, "null,\"resident_kib\"")) << status.out;
+    };
+    expect_status("\"level\":5,\"level_file\":2147483647,\"ignore_verification\":false,"
+                  "\"ignore_verification_file\":false,\"ignore_result\":false,"
+                  "\"ignore_result_file\":true,");
+    EXPECT_EQ(run_client({"level"}).out, "5 (notice); set to 2147483647, not yet read\n");
+    EXPECT_EQ(run_client({"level", "6"}).status, 0);
+    EXPECT_EQ(run_client({"ignore", "--verification", "on"}).status, 0);
+    EXPECT_TRUE(wait_until([] {
+        return contains(run_client({"status"}).out, "log level            6 (info)\n"
+                                                    "ignore verification  on\n"
+                                                    "ignore result        on\n");
+    }));
+    for (const char *path :
+         {PELKIN_LEVEL_FILE, PELKIN_IGNORE_RESULT_FILE, PELKIN_IGNORE_VERIFICATION_FILE}) {
+        (void)unlink(path);
     }
-    EXPECT_FALSE(contains(status.out, "null,\"resident_kib\"")) << status.out;
-    (void)unlink(PELKIN_LEVEL_FILE);
-    (void)unlink(PELKIN_IGNORE_RESULT_FILE);
-    EXPECT_TRUE(contains(run_client({"status", "--json"}).out, "\"level_file\":null"));
+    expect_status("\"level\":6,\"level_file\":null,\"ignore_verification\":true,");
 
     // Held up: nobody takes the probe.
     siginfo_t stopped = {};
@@ -457,19 +586,44 @@ TEST(Watching, OnlyAReplyToTheProbeIsASignOfLifeAndStatusTellsTheRest)
     EXPECT_EQ(reply_socket(), "");
 }
 
+TEST(Watching, WorkersAreShownWithWhatTheyDoAndTopCountsFailures)
+{
+    std::atomic<bool> is_held{true};
+    Server server({}, [&](Connection &connection) {
+        (void)connection.read_request();
+        EXPECT_TRUE(wait_until([&] { return !is_held; }));
+        (void)connection.send(answer("done"));
+        (void)connection.wait_for_close();
+    });
+    const Daemon daemon;
+    const auto shows = [](const std::string &state) {
+        const std::string text = run_client({"workers", "--json"}).out;
+        return contains(text, "[{\"server\":\"127.0.0.1\",\"cut\":false,\"port\":80,\"state\":\"" +
+                                  state + "\",\"age_s\":") &&
+               contains(text, ",\"in_flight\":0}]\n");
+    };
+    Client client({"get", "127.0.0.1"});
+    EXPECT_TRUE(wait_until([&] { return shows("waiting"); }));
+    is_held = false;
+    EXPECT_EQ(client.wait(), 0);
+    EXPECT_TRUE(wait_until([&] { return shows("idle"); }));
+
+    const Client top({"top", "--interval", "0.1", "--json"});
+    ASSERT_TRUE(wait_until([&] { return contains(top.out(), "\"failures\":{}}\n"); }));
+    EXPECT_EQ(run_client({"get", "127.0.0.5"}).status, 4);
+    EXPECT_TRUE(
+        wait_until([&] { return contains(top.out(), "\"failures\":{\"no connection\":1}}\n"); }));
+    EXPECT_TRUE(contains(run_client({"top", "--for", "0.1"}).out, "failures: not known"));
+}
+
 // A view that has come as far as its first record: before, a signal may still end it otherwise.
 struct LogView : Client {
-    explicit LogView(const std::string &out = OWN_FILE) : Client({"log"}, out)
+    explicit LogView(const std::string &out = OWN_FILE, const Arguments &arguments = {"log"})
+        : Client(arguments, out)
     {
         EXPECT_TRUE(wait_until([&] { return contains(error_text(), "showing what arrives"); }));
     }
 };
-
-static std::string record(uint32_t level, const std::string &text)
-{
-    const smart_tty_msg head = {"PELKIN", 0, level, SMART_TTY_KIND, ""};
-    return bytes_of(head, SMART_TTY_HEADER_SIZE) + text;
-}
 
 // The lines of a view without their times of arrival.
 static std::string without_times(std::string text)
@@ -527,6 +681,40 @@ TEST(Log, NoRecordCanForgeALineOrATerminalCommand)
                                              "\nPELKIN err     plain\ttext]0;title||"
                                              "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80|"
                                              "[31m||[31m|||[0m|\nPELKIN info    last\n");
+}
+
+TEST(Log, ShowsOnlyWhatIsAskedForInTheFormAskedFor)
+{
+    const struct {
+        Arguments options;
+        const char *shown;
+    } cases[] = {
+        {{"--level", "4"}, "PELKIN err     f():one \"1\"\nPELKIN warning g():two\n"},
+        {{"--grep", "^g.*o{2}|f"}, "PELKIN err     f():one \"1\"\n"},
+        {{"--count", "--level", "err", "--for", "2"}, "1\n"},
+        {{"--json", "--grep", "one"},
+         "\"process\":\"PELKIN\",\"level\":\"err\",\"function\":\"f\",\"message\":\"one "
+         "\\\"1\\\"\"}\n"},
+    };
+    const Requester module;
+    for (const auto &one : cases) {
+        Arguments arguments = one.options;
+        arguments.insert(arguments.begin(), "log");
+        LogView view(OWN_FILE, arguments);
+        for (const std::string &datagram :
+             {record(3, "f():one \"1\"\n"), record(4, "g():two\n"), record(5, "h():three\n")}) {
+            EXPECT_TRUE(module.send(datagram, SMART_TTY_SERVICE_PATH));
+        }
+        const auto text = [&] { // without a time, which a line of JSON begins with
+            const std::string out = view.out();
+            const size_t at = out.find("\"process\"");
+            return at != std::string::npos ? out.substr(at) : without_times(out);
+        };
+        EXPECT_TRUE(wait_until([&] { return text() == one.shown; })) << text();
+        (void)kill(view.pid, SIGTERM);
+        EXPECT_EQ(view.wait(), 0);
+        EXPECT_EQ(text(), one.shown);
+    }
 }
 
 TEST(Log, TakesAStaleSocketsPlaceButNoOtherFiles)

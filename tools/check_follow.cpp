@@ -1,12 +1,12 @@
 #include "tools/check_follow.h"
 
 #include <algorithm>
-#include <unistd.h>
 #include <vector>
 
 #include "tools/daemon_link.h"
 #include "tools/exit_status.h"
 #include "tools/output.h"
+#include "tools/own_socket.h"
 
 // Copies a text of 1 to `size` - 1 characters into a zeroed field; says why when it is none.
 static std::string fill(char *field, size_t size, const char *name, const std::string &text)
@@ -72,7 +72,7 @@ static int send_all(const delivery &to, const std::vector<wechat_check_follow_re
                               deadline_in(to.timeout_s));
         sent += status == STATUS_DONE ? 1 : 0;
     }
-    (void)close(link);
+    close_own_socket(link);
     say("handed over to pelkin: %zu of %zu; it asks the station manager to delete clients that "
         "have "
         "not followed, and logs what fails",

@@ -10,6 +10,7 @@
 
 #include "core/ipc_msg.h"
 #include "tools/exit_status.h"
+#include "tools/init_system.h"
 #include "tools/output.h"
 #include "tools/own_socket.h"
 
@@ -20,8 +21,7 @@ deadline deadline_in(double seconds)
                std::chrono::duration<double>(seconds));
 }
 
-// Rounded up: a wait that ends early would only be repeated.
-static int milliseconds_left(deadline until)
+int milliseconds_left(deadline until)
 {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
@@ -42,15 +42,13 @@ static bool wait_ready(int fd, short events, deadline until)
     return ready > 0;
 }
 
-static void say_unreachable(const std::string &path, int error)
+std::string unreachable_text(const std::string &path, int error)
 {
     if (error == EACCES || error == EPERM) {
-        say("no permission to use %s: run as root, or as a user who may write to it", path.c_str());
-    } else {
-        say("cannot reach pelkin at %s: %s. Is pelkin running? Start it (systemctl start pelkin), "
-            "then ask again",
-            path.c_str(), std::strerror(error));
+        return "no permission to use " + path + ": run as root, or as a user who may write to it";
     }
+    return "cannot reach pelkin at " + path + ": " + std::strerror(error) +
+           ". Is pelkin running? Start it" + command_hint("start") + ", then ask again";
 }
 
 static int connect_to(int fd, const std::string &path)
@@ -65,43 +63,54 @@ static int connect_to(int fd, const std::string &path)
     return connect(fd, (const sockaddr *)&address, sizeof address);
 }
 
-int open_link(const std::string &path)
+int try_to_open_link(const std::string &path)
 {
     const int fd = bind_reply_socket();
-    if (fd < 0) {
-        say("cannot make a socket for the answer in /tmp: %s", std::strerror(errno));
-        return -1;
-    }
-    if (connect_to(fd, path) != 0) {
+    if (fd >= 0 && connect_to(fd, path) != 0) {
         const int error = errno;
-        say_unreachable(path, error);
-        (void)close(fd);
+        close_own_socket(fd);
         errno = error;
         return -1;
     }
     return fd;
 }
 
-int send_message(int link, const std::string &path, std::string_view message, deadline until)
+int open_link(const std::string &path)
 {
-    for (;;) {
-        if (send(link, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
-            return STATUS_DONE;
-        }
-        if (errno == EINTR) {
-            continue;
-        }
-        if (errno != EAGAIN) {
-            say_unreachable(path, errno);
-            return STATUS_UNREACHABLE;
-        }
-        if (!wait_ready(link, POLLOUT, until)) {
-            say("pelkin serves %s but does not take the request: its queue stays full. See what "
-                "holds it up: pelkinctl status",
-                path.c_str());
-            return STATUS_NO_ANSWER;
+    const int fd = try_to_open_link(path);
+    if (fd < 0) {
+        const int error = errno;
+        say("%s", unreachable_text(path, error).c_str());
+        errno = error;
+    }
+    return fd;
+}
+
+int try_to_send(int link, std::string_view message, deadline until)
+{
+    while (send(link, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
+        const int error = errno;
+        if (error != EINTR && (error != EAGAIN || !wait_ready(link, POLLOUT, until))) {
+            return error;
         }
     }
+    return 0;
+}
+
+int send_message(int link, const std::string &path, std::string_view message, deadline until)
+{
+    const int error = try_to_send(link, message, until);
+    if (error == EAGAIN) {
+        say("pelkin serves %s but does not take the request: its queue stays full. See what "
+            "holds it up: pelkinctl status",
+            path.c_str());
+        return STATUS_NO_ANSWER;
+    }
+    if (error != 0) {
+        say("%s", unreachable_text(path, error).c_str());
+        return STATUS_UNREACHABLE;
+    }
+    return STATUS_DONE;
 }
 
 std::optional<std::string> receive_message(int fd, deadline until)

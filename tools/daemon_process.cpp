@@ -7,19 +7,22 @@
 #include <fstream>
 #include <iterator>
 
+#include "core/daemon/monitor.h"
 #include "core/daemon/startup.h"
 #include "tools/exit_status.h"
+#include "tools/init_system.h"
 #include "tools/output.h"
+#include "tools/probe.h"
 #include "tools/text_fields.h"
 
 static const char DAEMON_NAME[] = "pelkin";
 
-static std::string proc_path(pid_t pid, const char *entry)
+std::string proc_path(pid_t pid, const std::string &entry)
 {
     return "/proc/" + std::to_string(pid) + "/" + entry;
 }
 
-static std::optional<std::string> read_text(const std::string &path)
+std::optional<std::string> read_text(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     if (!file.is_open()) {
@@ -52,7 +55,7 @@ static std::optional<long> status_number(const std::string &status, const std::s
     return number;
 }
 
-daemon_process find_daemon()
+static daemon_process find_by_file()
 {
     const std::string file = PELKIN_PID_FILE;
     const std::optional<std::string> text = read_text(file);
@@ -80,12 +83,21 @@ daemon_process find_daemon()
     return {.pid = pid, .problem = ""};
 }
 
+daemon_process find_daemon(pid_t answered)
+{
+    if (answered > 0 && status_field(read_text(proc_path(answered, "status")).value_or(""),
+                                     "Name") == DAEMON_NAME) {
+        return {.pid = answered, .problem = ""};
+    }
+    return find_by_file();
+}
+
 int signal_daemon(int number, pid_t *pid)
 {
-    const daemon_process found = find_daemon();
+    const daemon_process found = find_daemon(probe_daemon(PELKIN_MONITOR_SOCKET_PATH, 1).pid);
     if (found.pid == 0) {
-        say("%s. Nothing was signalled; start pelkin first (systemctl start pelkin)",
-            found.problem.c_str());
+        say("%s. Nothing was signalled; start pelkin first%s", found.problem.c_str(),
+            command_hint("start").c_str());
         return STATUS_UNREACHABLE;
     }
     if (kill(found.pid, number) != 0) {
@@ -106,7 +118,7 @@ static std::optional<long> count_descriptors(pid_t pid)
     while (const dirent *entry = readdir(directory)) {
         count += entry->d_name[0] != '.' ? 1 : 0;
     }
-    (void)closedir(directory);
+    closedir(directory);
     return count;
 }
 

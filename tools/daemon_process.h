@@ -1,4 +1,4 @@
-/* The daemon as a process: found through its pid file, seen through /proc. */
+/* The daemon as a process: found by its answer to a probe or its pid file, seen through /proc. */
 #ifndef PELKIN_TOOLS_DAEMON_PROCESS_H
 #define PELKIN_TOOLS_DAEMON_PROCESS_H
 
@@ -6,20 +6,28 @@
 #include <string>
 #include <sys/types.h>
 
-/* What the pid file leads to. */
+/* What there is to be signalled and looked at. */
 struct daemon_process {
-    pid_t pid = 0;       /* 0: none that could be signalled */
+    pid_t pid = 0;       /* 0: none */
     std::string problem; /* why there is none, in words; "" when there is one */
 };
 
 /*
- * Reads the pid file and makes sure that the process of that number is the daemon: after a crash
- * the file stays, and the number may have become another program's.
+ * The process that has answered a probe, `answered`, if it is the daemon; otherwise (0, say) the
+ * one that the pid file names, if that is the daemon: after a crash the file stays, and the number
+ * may have become another program's. A second daemon that failed to start leaves its own there.
  */
-daemon_process find_daemon();
+daemon_process find_daemon(pid_t answered);
 
-/* As find_daemon(), then sends the signal. Returns an exit status; a failure has been said. */
+/*
+ * Probes, finds the daemon by it, and sends the signal. Returns an exit status; a failure has been
+ * said.
+ */
 int signal_daemon(int number, pid_t *pid);
+
+/* A path under /proc/PID, and a whole file, none when it can't be opened. */
+std::string proc_path(pid_t pid, const std::string &entry);
+std::optional<std::string> read_text(const std::string &path);
 
 /* Numbers of the process table; none where it did not tell. */
 struct process_figures {

@@ -1,8 +1,9 @@
-/* `pelkinctl get` and `pelkinctl post`: one HTTP request through the daemon. */
+/* `pelkinctl get` and `pelkinctl post`: HTTP requests through the daemon. */
 #ifndef PELKIN_TOOLS_HTTP_COMMAND_H
 #define PELKIN_TOOLS_HTTP_COMMAND_H
 
 #include <string>
+#include <vector>
 
 #include "core/ipc_msg.h"
 #include "tools/request_message.h"
@@ -14,11 +15,16 @@ struct delivery {
 };
 
 struct http_command {
-    http_request request;
+    std::vector<std::string> urls;
+    http_request request; /* of each, but for its URL */
     mac_address mac = {};
     std::string text;
+    size_t parallel = 1;
     delivery to;
 };
+
+/* As many as a client asks for at once. */
+#define PARALLEL_MAX 32
 
 /* Returns the exit status, as every command does. */
 int run_http(const http_command &command);

@@ -10,6 +10,7 @@
 #include "core/ipc_msg.h"
 #include "social/reauth_msg.h"
 #include "tools/daemon_link.h"
+#include "tools/failure.h"
 #include "tools/text_fields.h"
 
 /* What a request leads to: a report with this tag, or the removal of this station. */
@@ -23,10 +24,12 @@ struct expected_message {
 int serve_kivren();
 
 /*
- * Prints every message that arrives, until the expected one has. Returns an exit status; a failure
- * has been said.
+ * Prints every message that arrives, until the expected one has or the daemon's log has told that
+ * it won't: the request failed, or the server found the token good. `log` is the log service's
+ * socket, or -1 when another program serves it. Returns an exit status; a failure has been said.
  */
-int show_until(int kivren, const expected_message &expected, deadline until);
+int show_until(int kivren, int log, const expected_message &expected, request_watch *watch,
+               deadline until);
 
 /*
  * A message of the daemon in readable form, "" when it is none. `*is_expected` receives whether it

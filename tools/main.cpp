@@ -16,7 +16,7 @@ static void keep_standard_descriptors()
         fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     } while (fd >= 0 && fd <= STDERR_FILENO);
     if (fd >= 0) {
-        (void)close(fd);
+        close(fd);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "tools/output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -10,14 +11,35 @@
 
 #include "tools/printable.h"
 
+static const size_t SAID_MAX = 2048;
+
+static bool quiet;
+
+void be_quiet()
+{
+    quiet = true;
+}
+
+bool is_quiet()
+{
+    return quiet;
+}
+
 void say(const char *format, ...)
 {
+    if (quiet) {
+        return;
+    }
+    char text[SAID_MAX];
     va_list arguments;
     va_start(arguments, format);
-    (void)std::fputs("pelkinctl: ", stderr);
-    (void)std::vfprintf(stderr, format, arguments);
-    (void)std::fputc('\n', stderr);
+    std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
+    // What it quotes, from arguments and from the log, must neither begin a line nor command the
+    // terminal.
+    std::string line = "pelkinctl: " + printable(text);
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    std::fputs((line + "\n").c_str(), stderr);
 }
 
 bool write_out(std::string_view bytes)
@@ -33,7 +55,7 @@ bool write_out(std::string_view bytes)
     return true;
 }
 
-static bool output_is_terminal()
+bool output_is_terminal()
 {
     return isatty(STDOUT_FILENO) == 1;
 }

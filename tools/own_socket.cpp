@@ -14,28 +14,35 @@
 #include "tools/output.h"
 
 struct own_file {
+    int fd;
     char path[sizeof(sockaddr_un::sun_path)];
     dev_t device;
     ino_t inode;
 };
 
-static const int FILES_MAX = 2; // a reply socket and one that is served
 static const int NAME_TRIES = 100;
 static const int GUARDED[] = {SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGQUIT};
 
-// Written with the guarded signals held back, read by their handler.
-static own_file files[FILES_MAX];
-static volatile sig_atomic_t file_count;
+// Written with the guarded signals held back, read by their handler. Places without a path are
+// free.
+static own_file files[OWN_SOCKETS_MAX];
 static volatile sig_atomic_t interrupt_is_the_end;
+static void (*volatile words_at_the_end)();
+
+// Another program's file of that name stays.
+static void remove_file(const own_file *file)
+{
+    struct stat status;
+    if (file->path[0] != '\0' && lstat(file->path, &status) == 0 && status.st_dev == file->device &&
+        status.st_ino == file->inode) {
+        unlink(file->path);
+    }
+}
 
 void remove_own_sockets()
 {
-    for (int i = 0; i < file_count; i++) {
-        struct stat status;
-        if (lstat(files[i].path, &status) == 0 && status.st_dev == files[i].device &&
-            status.st_ino == files[i].inode) {
-            (void)unlink(files[i].path);
-        }
+    for (const own_file &file : files) {
+        remove_file(&file);
     }
 }
 
@@ -44,18 +51,21 @@ static void leave(int number)
 {
     remove_own_sockets();
     if (interrupt_is_the_end != 0 && (number == SIGINT || number == SIGTERM)) {
+        if (words_at_the_end != nullptr) {
+            words_at_the_end();
+        }
         _exit(0);
     }
-    (void)signal(number, SIG_DFL);
-    (void)raise(number); // takes effect when this handler returns
+    signal(number, SIG_DFL);
+    raise(number); // takes effect when this handler returns
 }
 
 static sigset_t guarded_set()
 {
     sigset_t set;
-    (void)sigemptyset(&set);
+    sigemptyset(&set);
     for (const int number : GUARDED) {
-        (void)sigaddset(&set, number);
+        sigaddset(&set, number);
     }
     return set;
 }
@@ -76,28 +86,48 @@ void guard_own_sockets()
     action.sa_mask = guarded_set();
     for (const int number : GUARDED) {
         if (!may_stay_ignored(number)) {
-            (void)sigaction(number, &action, nullptr);
+            sigaction(number, &action, nullptr);
         }
     }
     const sigset_t set = guarded_set();
-    (void)sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-void end_in_order_when_interrupted()
+void end_in_order_when_interrupted(void (*last_words)())
 {
+    words_at_the_end = last_words;
     interrupt_is_the_end = 1;
 }
 
-static void remember(const char *path)
+static void remember(int fd, const char *path)
 {
     struct stat status;
-    if (file_count < FILES_MAX && lstat(path, &status) == 0) {
-        own_file *file = &files[file_count];
-        (void)snprintf(file->path, sizeof file->path, "%s", path);
-        file->device = status.st_dev;
-        file->inode = status.st_ino;
-        file_count = file_count + 1;
+    for (own_file &file : files) {
+        if (file.path[0] == '\0' && lstat(path, &status) == 0) {
+            file.fd = fd;
+            file.device = status.st_dev;
+            file.inode = status.st_ino;
+            std::snprintf(file.path, sizeof file.path, "%s", path);
+            return;
+        }
     }
+}
+
+void close_own_socket(int fd)
+{
+    const sigset_t set = guarded_set();
+    sigset_t before;
+    sigprocmask(SIG_BLOCK, &set, &before);
+    for (own_file &file : files) {
+        if (file.path[0] != '\0' && file.fd == fd) {
+            remove_file(&file);
+            file.path[0] = '\0';
+        }
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 // Binds to a name that nobody has. 0, or -1 with errno.
@@ -107,10 +137,10 @@ static int bind_fresh_name(int fd)
     for (int tries = 0; tries < NAME_TRIES; tries++) {
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
-        (void)snprintf(address.sun_path, sizeof address.sun_path, "/tmp/pelkinctl-%d-%08x",
-                       getpid(), random());
+        std::snprintf(address.sun_path, sizeof address.sun_path, "/tmp/pelkinctl-%d-%08x", getpid(),
+                      random());
         if (bind(fd, (const sockaddr *)&address, sizeof address) == 0) {
-            remember(address.sun_path);
+            remember(fd, address.sun_path);
             return 0;
         }
         if (errno != EADDRINUSE) {
@@ -129,14 +159,14 @@ int bind_reply_socket()
     // The signals wait, so that none can come between a file's making and its being remembered.
     const sigset_t set = guarded_set();
     sigset_t before;
-    (void)sigprocmask(SIG_BLOCK, &set, &before);
+    sigprocmask(SIG_BLOCK, &set, &before);
     const mode_t old_mask = umask(0177);
     const int rc = bind_fresh_name(fd);
     const int bind_errno = errno;
-    (void)umask(old_mask);
-    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+    umask(old_mask);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     if (rc != 0) {
-        (void)close(fd);
+        close(fd);
         errno = bind_errno;
         return -1;
     }
@@ -155,19 +185,26 @@ static void say_why_not_served(const char *path, const char *server, int error)
     }
 }
 
-int serve_socket(const char *path, const char *server)
+int try_to_serve_socket(const char *path)
 {
     const sigset_t set = guarded_set();
     sigset_t before;
-    (void)sigprocmask(SIG_BLOCK, &set, &before);
+    sigprocmask(SIG_BLOCK, &set, &before);
     const int fd = ipc_open_sock(path);
     const int error = errno;
     if (fd >= 0) {
-        remember(path);
+        remember(fd, path);
     }
-    (void)sigprocmask(SIG_SETMASK, &before, nullptr);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return fd;
+}
+
+int serve_socket(const char *path, const char *server)
+{
+    const int fd = try_to_serve_socket(path);
     if (fd < 0) {
-        say_why_not_served(path, server, error);
+        say_why_not_served(path, server, errno);
     }
     return fd;
 }

@@ -10,12 +10,18 @@
 /* Installs the handler. Before the first socket. */
 void guard_own_sockets();
 
-/* From now on SIGINT and SIGTERM are an orderly end, with exit status 0. */
-void end_in_order_when_interrupted();
+/*
+ * From now on SIGINT and SIGTERM are an orderly end, with exit status 0; `last_words` is called
+ * before it, from the signal handler, unless it is null.
+ */
+void end_in_order_when_interrupted(void (*last_words)());
+
+/* Sockets that a program may have at once: replies, and two that are served. */
+#define OWN_SOCKETS_MAX 34
 
 /*
  * A datagram socket bound to a fresh name in /tmp, for its owner only (mode 0600), or -1 with
- * errno. Close-on-exec, as the one below.
+ * errno. Close-on-exec, as those below.
  */
 int bind_reply_socket();
 
@@ -26,7 +32,13 @@ int bind_reply_socket();
  */
 int serve_socket(const char *path, const char *server);
 
-/* Removes all of them. */
+/* The same without a word; errno is set. */
+int try_to_serve_socket(const char *path);
+
+/* Removes the file of one of them and closes it. Nothing happens when `fd` is negative. */
+void close_own_socket(int fd);
+
+/* Removes the files of all of them. */
 void remove_own_sockets();
 
 #endif

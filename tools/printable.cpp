@@ -71,3 +71,25 @@ std::string printable(std::string_view text)
     }
     return kept;
 }
+
+std::string json_text(std::string_view text)
+{
+    std::string quoted = "\"";
+    for (const char character : printable(text)) {
+        switch (character) {
+        case '\n':
+            quoted += "\\n";
+            break;
+        case '\t':
+            quoted += "\\t";
+            break;
+        case '"':
+        case '\\':
+            quoted += '\\';
+            [[fallthrough]];
+        default:
+            quoted += character;
+        }
+    }
+    return quoted + "\"";
+}

@@ -11,4 +11,7 @@
  */
 std::string printable(std::string_view text);
 
+/* The same as a JSON string, in its quotation marks; line breaks and tabs are escaped. */
+std::string json_text(std::string_view text);
+
 #endif

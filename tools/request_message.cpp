@@ -1,6 +1,10 @@
 #include "tools/request_message.h"
 
+#include <algorithm>
+#include <cctype>
+
 #include "core/http_task.h"
+#include "core/url.h"
 
 std::string envelop(uint32_t msg_id, std::string_view payload)
 {
@@ -41,23 +45,66 @@ static bool has_space_or_control(const std::string &text)
     return false;
 }
 
-// The daemon's own division of a URL: scheme, host up to the first slash, path.
-static size_t host_length(const std::string &url)
+// As the daemon finds them; no host when it would take none.
+static url_parts parts_of(const std::string &url)
 {
-    size_t start = 0;
-    for (const std::string_view scheme : {"https://", "http://"}) {
-        if (url.rfind(scheme, 0) == 0) {
-            start = scheme.size();
-            break;
-        }
+    url_parts parts = {};
+    if (pelkin_split_url(url.c_str(), &parts) != 0) {
+        parts.host[0] = '\0';
     }
-    const size_t slash = url.find('/', start);
-    return (slash == std::string::npos ? url.size() : slash) - start;
+    return parts;
+}
+
+std::string server_of(const std::string &url)
+{
+    const url_parts parts = parts_of(url);
+    return std::string(parts.host) + ":" + std::to_string(pelkin_port(parts.is_https));
+}
+
+// Only the two in small letters are schemes to the daemon; it takes others for hosts.
+static std::string scheme_fault(const std::string &url)
+{
+    const size_t end = url.find("://");
+    if (end == std::string::npos || end == 0 || url.find('/') < end) {
+        return "";
+    }
+    std::string scheme = url.substr(0, end);
+    if (scheme == "http" || scheme == "https") {
+        return "";
+    }
+    for (char &letter : scheme) {
+        letter = (char)std::tolower((unsigned char)letter);
+    }
+    return scheme == "http" || scheme == "https"
+               ? "the scheme must be in small letters; write " + scheme + url.substr(end)
+               : "pelkin knows no " + scheme + "://; write http:// or https://";
+}
+
+static std::string host_fault(const std::string &host)
+{
+    const size_t colon = host.find(':');
+    const size_t at = std::min((size_t)pelkin_find_bad_host_byte(host.c_str()), colon);
+    if (at >= host.size()) {
+        return "";
+    }
+    const std::string rest = host.substr(at);
+    switch (host[at]) {
+    case ':':
+        return "pelkin asks port 80, or 443 with https://, and no other; leave out '" + rest + "'";
+    case '?':
+    case '#':
+        return "no slash behind the host; write " + host.substr(0, at) + "/" + rest;
+    case '@':
+        return "pelkin sends no user's name; leave out '" + host.substr(0, at + 1) + "'";
+    case '[':
+        return "pelkin speaks IPv4 only; write a name or an address like 192.0.2.1";
+    default:
+        return "'" + host + "' can be no host; write letters, digits, '-', '.' and '_'";
+    }
 }
 
 std::string url_fault(const std::string &url)
 {
-    const size_t host = host_length(url);
     if (has_space_or_control(url)) {
         return "white space or a control character in the URL; write it as %20 and the like";
     }
@@ -65,11 +112,15 @@ std::string url_fault(const std::string &url)
         return "a URL has at most " + std::to_string(PELKIN_URL_SIZE - 1) +
                " characters; pass what follows its '?' with --data";
     }
-    if (host == 0 || host >= HTTP_TASK_HOST_SIZE) {
-        return "the URL's host has " + std::to_string(host) + " characters; it must have 1 to " +
-               std::to_string(HTTP_TASK_HOST_SIZE - 1);
+    std::string scheme = scheme_fault(url);
+    if (!scheme.empty()) {
+        return scheme;
     }
-    return "";
+    const std::string host = parts_of(url).host;
+    return host.empty()
+               ? "the URL must have a host of 1 to " + std::to_string(HTTP_TASK_HOST_SIZE - 1) +
+                     " characters; write http://HOST/PATH"
+               : host_fault(host);
 }
 
 std::string body_fault(const std::string &text)

@@ -30,11 +30,14 @@ std::string request_message(const http_request &request, std::string_view data);
 /* The data of all ids but PELKIN_MSG_REAUTH_REQ: station, text and NUL. */
 std::string text_data(const mac_address &mac, const std::string &text);
 
+/* HOST:PORT of a URL without a fault, as the daemon's messages have it. */
+std::string server_of(const std::string &url);
+
 /*
  * What the daemon would refuse, cut or send on as something else, in words; "" when it is fine. A
  * query goes into the request line as it is, so it must not have white space.
  */
-std::string url_fault(const std::string &url);
+std::string url_fault(const std::string &url); /* one that no server can be asked for as well */
 std::string query_fault(const std::string &text);
 std::string body_fault(const std::string &text);
 std::string file_path_fault(const std::string &path);

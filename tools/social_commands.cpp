@@ -1,10 +1,9 @@
 #include "tools/social_commands.h"
 
-#include <unistd.h>
-
 #include "tools/exit_status.h"
 #include "tools/kivren_view.h"
 #include "tools/output.h"
+#include "tools/own_socket.h"
 #include "tools/stations.h"
 
 // The head as far as the stations, then the stations themselves.
@@ -20,9 +19,10 @@ static std::string batch_data(const reauth_command &command,
 }
 
 // Sends the message; with `as_kivren`, shows what comes of it.
-static int verify(const delivery &to, const std::string &message, bool as_kivren,
-                  const expected_message &expected)
+static int verify(const delivery &to, const http_request &request, const std::string &data,
+                  bool as_kivren, const expected_message &expected)
 {
+    const std::string message = request_message(request, data);
     if (!as_kivren) {
         const int status = hand_over(to, message);
         if (status == STATUS_DONE) {
@@ -31,17 +31,20 @@ static int verify(const delivery &to, const std::string &message, bool as_kivren
         }
         return status;
     }
-    // Served before the request goes out, so that nothing is missed.
+    // Both are served before the request goes out, so that nothing is missed.
     const int kivren = serve_kivren();
     if (kivren < 0) {
         return STATUS_UNREACHABLE;
     }
+    const int log = try_to_serve_log();
     const deadline until = deadline_in(to.timeout_s);
     int status = hand_over(to, message);
     if (status == STATUS_DONE) {
-        status = show_until(kivren, expected, until);
+        request_watch watch = watch_request(request.url, request.msg_id);
+        status = show_until(kivren, log, expected, &watch, until);
     }
-    (void)close(kivren);
+    close_own_socket(log);
+    close_own_socket(kivren);
     return status;
 }
 
@@ -63,17 +66,11 @@ int run_reauth(const reauth_command &command)
                                   .file_path = ""};
     const expected_message expected = {
         .msg_id = PELKIN_MSG_REAUTH_RESP, .reauth_tag = command.tag, .mac = {}};
-    return verify(command.to, request_message(request, batch_data(command, stations)),
-                  command.as_kivren, expected);
+    return verify(command.to, request, batch_data(command, stations), command.as_kivren, expected);
 }
 
 int run_fbauth(const fbauth_command &command)
 {
-    const std::string fault = command.post ? body_fault(command.text) : query_fault(command.text);
-    if (!fault.empty()) {
-        say("--data: %s", fault.c_str());
-        return STATUS_USAGE;
-    }
     const http_request request = {.url = command.url,
                                   .msg_id = PELKIN_MSG_FBAUTH_REQ,
                                   .resp_method = PELKIN_RESP_ANALYSE,
@@ -81,6 +78,6 @@ int run_fbauth(const fbauth_command &command)
                                   .file_path = ""};
     const expected_message expected = {
         .msg_id = KIVREN_MSG_DEL_STA_REQ, .reauth_tag = 0, .mac = command.mac};
-    return verify(command.to, request_message(request, text_data(command.mac, command.text)),
-                  command.as_kivren, expected);
+    return verify(command.to, request, text_data(command.mac, command.text), command.as_kivren,
+                  expected);
 }

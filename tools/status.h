@@ -1,8 +1,10 @@
-/* `pelkinctl status`: the daemon at a glance. */
+/* `pelkinctl status`: everything that can be seen of the daemon without disturbing it. */
 #ifndef PELKIN_TOOLS_STATUS_H
 #define PELKIN_TOOLS_STATUS_H
 
-/* The exit status is that of a probe. */
-int run_status(bool json);
+#include "tools/probe.h"
+
+/* The exit status is that of the probe. */
+int run_status(const probe_command &command);
 
 #endif

@@ -8,9 +8,11 @@
 
 #include "core/daemon/signals.h"
 #include "log/level_names.h"
+#include "tools/daemon_memory.h"
 #include "tools/daemon_process.h"
 #include "tools/exit_status.h"
 #include "tools/output.h"
+#include "tools/steering_files.h"
 
 int32_t parse_level(const std::string &text)
 {
@@ -45,7 +47,7 @@ static bool replace_file(const char *path, const std::string &content)
         say("cannot write %s: %s", path, std::strerror(errno));
     }
     if (fd >= 0) {
-        (void)close(fd);
+        close(fd);
     }
     return written;
 }
@@ -66,6 +68,21 @@ int run_level(int32_t level)
             (int)level, vesk_syslog_encode(level, tu_prioritynames), (int)pid);
     }
     return status;
+}
+
+int run_show_level()
+{
+    pid_t pid = 0;
+    const int status = signal_daemon(0, &pid);
+    if (status != STATUS_DONE) {
+        return status;
+    }
+    const std::optional<uint32_t> level = read_in_force(pid).level;
+    if (!level) {
+        say("cannot look into pelkin (pid %d); run as root", (int)pid);
+        return STATUS_UNREACHABLE;
+    }
+    return write_out(level_state_text(look_at_files(), level) + "\n") ? STATUS_DONE : STATUS_USAGE;
 }
 
 // Leaves a switch without a value alone.

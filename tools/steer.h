@@ -14,6 +14,9 @@ int32_t parse_level(const std::string &text);
 /* Writes the level file and sends SIGUSR1. */
 int run_level(int32_t level);
 
+/* Prints the level that is in force. */
+int run_show_level();
+
 /* Switches to be set or removed; those without a value stay as they are. */
 struct ignore_command {
     std::optional<bool> verification;

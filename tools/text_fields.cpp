@@ -43,8 +43,8 @@ bool parse_mac(const std::string &text, mac_address *mac)
 std::string mac_text(const uint8_t mac[PELKIN_MAC_SIZE])
 {
     char text[3 * PELKIN_MAC_SIZE];
-    (void)std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
-                        mac[3], mac[4], mac[5]);
+    std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
+                  mac[3], mac[4], mac[5]);
     return text;
 }
 
@@ -111,6 +111,32 @@ std::vector<std::string> split_at_commas(const std::string &text)
     }
     parts.push_back(text.substr(start));
     return parts;
+}
+
+std::string read_data(const std::string &given, std::string *text)
+{
+    const bool is_file = !given.empty() && given[0] == '@';
+    if (!is_file && given != "-") {
+        *text = given;
+        return "";
+    }
+    const std::string name = is_file ? given.substr(1) : "standard input";
+    std::ifstream file;
+    if (is_file) {
+        file.open(name, std::ios::binary);
+        if (!file.is_open()) {
+            return "cannot read " + name + ": " + std::strerror(errno);
+        }
+    }
+    std::istream &input = is_file ? file : std::cin;
+    char bytes[PELKIN_TEXT_MAX + 2]; // a line break, and one too many
+    errno = 0;
+    input.read(bytes, sizeof bytes);
+    if (!input.eof() && input.fail()) {
+        return "cannot read " + name + ": " + std::strerror(errno);
+    }
+    text->assign(bytes, (size_t)input.gcount());
+    return text->find('\0') == std::string::npos ? "" : name + " holds a NUL; text ends there";
 }
 
 bool read_lines(const std::string &path, std::vector<numbered_line> *lines)

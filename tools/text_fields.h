@@ -30,6 +30,13 @@ bool parse_seconds(const std::string &text, double *seconds);
 /* The texts between the commas. */
 std::vector<std::string> split_at_commas(const std::string &text);
 
+/*
+ * What a --data argument stands for: the content of FILE for "@FILE", of standard input for "-",
+ * else itself. Returns what is wrong with it, "" when nothing is. Of a file one byte more is read
+ * than may be sent.
+ */
+std::string read_data(const std::string &given, std::string *text);
+
 /* A line of a file that counts: not empty and no comment ("#"). */
 struct numbered_line {
     size_t number; /* from 1 */
