@@ -330,6 +330,11 @@ static const std::pair<void (*)(), Texts> FAULTS[] = {
          fault_null_write();
      },
      {"#  1: ", "<fault_null_write+0x", "# Stack (0x", "\n#  0x", "Signal # = 11\n"}},
+    {[] {
+         memory_is_not_read = true; // nor can the file that stands in
+         fault_without_descriptors();
+     },
+     {"Stack backtrace:\n# End", "Signal # = 11\n"}},
     {[] { (void)raise(SIGPIPE); }, {"Signal # = 13\n", "Cause code = -6 (Unknown)\n"}},
 };
 
@@ -396,6 +401,22 @@ TEST_F(Crash, HangingSnapshotIsKilledAndTheProcessEnds)
         const std::string stat = read_file(hanging + "/stat");
         return stat.empty() || stat.find(") Z ") != std::string::npos;
     }));
+}
+
+TEST_F(Crash, SnapshotHoldsTheDateAndThenTheSockets)
+{
+    std::filesystem::create_directories("/tmp/crash_tools");
+    for (const std::string tool : {"/tmp/crash_tools/date", "/tmp/crash_tools/cat"}) {
+        write_file(tool, "#!/bin/sh\necho $0 $*\n");
+        std::filesystem::permissions(tool, std::filesystem::perms::owner_all);
+    }
+    static const auto fault = [] {
+        (void)setenv("PATH", "/tmp/crash_tools", 1);
+        fault_null_write();
+    };
+    EXPECT_EXIT(crash(fault), ExitedWithCode(255), "");
+    EXPECT_EQ(read_file(SNAPSHOT),
+              "/tmp/crash_tools/date\n/tmp/crash_tools/cat /proc/net/unix_zel\n");
 }
 
 TEST_F(Crash, DumpThatCannotBeMadeEndsWithItsOwnStatus)
@@ -610,7 +631,7 @@ static const std::string UNTOUCHED = "untouched, and longer than every setting t
 
 // The child of a death test; its standard error is what is set then. The whole of /proc is
 // replaced, so that the machine's settings are out of reach.
-static void set_up_cores(const char *name)
+static void set_up_cores(const char *name, const std::string &platform, const char *hardware)
 {
     const std::string pattern_file = "/proc/sys/kernel/core_pattern";
     const std::string uses_pid_file = "/proc/sys/kernel/core_uses_pid";
@@ -623,8 +644,8 @@ static void set_up_cores(const char *name)
     }
     write_file(pattern_file, UNTOUCHED);
     write_file(uses_pid_file, UNTOUCHED);
-    write_file("/proc/zel_hw_info/platform", "K0900LT");
-    write_file("/etc/ac_env_init", "PLATFORM=brin900\n");
+    write_file("/proc/zel_hw_info/platform", hardware);
+    write_file("/etc/ac_env_init", "PLATFORM=" + platform + "\n");
     (void)unsetenv("PLATFORM");
     // Not the hard one: a privilege that not every root has would be needed to raise it again.
     rlimit limits = {};
@@ -638,20 +659,32 @@ static void set_up_cores(const char *name)
     _exit(0);
 }
 
-// Which daemons and platforms have settings is the business of fuzz/platform_file_fuzzer.
-TEST(CoreSetup, FilesAreTheDevicesAndWrittenOver)
+TEST(CoreSetup, DaemonAndPlatformDecideWhatIsWrittenOverTheFiles)
 {
-    const std::string pattern = "/tmp/dump/%e.core";
-    EXPECT_EXIT(set_up_cores("pelkin"), ExitedWithCode(0),
-                Eq(pattern + UNTOUCHED.substr(pattern.size()) + "|0" + UNTOUCHED.substr(1) + "|" +
-                   std::to_string(RLIM_INFINITY)));
-    EXPECT_EXIT(set_up_cores(nullptr), ExitedWithCode(0),
-                Eq(UNTOUCHED + "|" + UNTOUCHED + "|4096"));
+    static const struct {
+        const char *name, *platform, *hardware, *pattern; // "": nothing is set
+    } cases[] = {
+        {"pelkin", "brin900", "K0900LT", "/tmp/dump/%e.core"},
+        {"/usr/sbin/kivren", "brin900", "k0900", "/etc/quorvane/dump/%e.core"},
+        {"vesk", "qx4410", "K0900LT", "/etc/quorvane/dump/%e.core"},
+        {"dobbert", "fenwold-standard", "", "|/bin/kelm_run.sh fenwold-compress-coredump %e"},
+        {"mavrid", "brin900lt", "", "/tmp/dump/%e.core"},
+        {"trundel", "other", "K0900LT", ""},
+        {"lorixx", "qx4410", "", "/etc/quorvane/dump/%e.core"},
+        {"someone", "qx4410", "", ""},
+        {nullptr, "qx4410", "", ""},
+    };
+    for (const auto &one : cases) {
+        const std::string pattern = one.pattern;
+        EXPECT_EXIT(set_up_cores(one.name, one.platform, one.hardware), ExitedWithCode(0),
+                    Eq(pattern + UNTOUCHED.substr(pattern.size()) + "|" +
+                       (pattern.empty() ? "" : "0") + UNTOUCHED.substr(pattern.empty() ? 0 : 1) +
+                       "|" + (pattern.empty() ? "4096" : std::to_string(RLIM_INFINITY))));
+    }
 }
 
 TEST(CoreSetup, WriteThatFailsIsToldAndMakesNoFile)
 {
-    EXPECT_EQ(core_write_file("/dev/null", nullptr), -1);
     for (const char *path : {"/dev/full", "/tmp/core_missing", (const char *)nullptr}) {
         EXPECT_EQ(core_write_file(path, "abc"), -1);
     }

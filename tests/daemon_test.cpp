@@ -155,6 +155,7 @@ TEST_F(Running, GarbageOfEverySizeIsDroppedAndServiceGoesOn)
     EXPECT_TRUE(requester.send(message(PLAIN_MSG_ID, "")));
     EXPECT_EQ(requester.ask(post("after garbage")), "after garbage");
     EXPECT_GE(log.count("Received length mismatched, expected:"), 100u);
+    EXPECT_EQ(log.count("received:0\n"), 0u) << "an empty datagram is none";
     EXPECT_EQ(log.count("this should be reply of del sta request. no need to process it"), 1u);
     EXPECT_GE(log.count("fill http task failed."), 1u);
     // Each nameless garbage host leaves a record, no more: a pipe end apiece. A worker with a

@@ -350,6 +350,13 @@ TEST_F(Registry, EverythingGoesOnFailureAndAtTheEnd)
     EXPECT_EQ(count_descriptors(getpid()), before);
 }
 
+TEST(MinuteClock, FollowsTheMonotonicClock)
+{
+    timespec now = {};
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    EXPECT_LE(std::abs(pelkin_cur_minute() - (int32_t)(now.tv_sec / 60)), 1);
+}
+
 TEST(AnswerFile, WorkersThatNeedTheSameNewDirectoryAllWrite)
 {
     constexpr int DIRECTORIES = 300;

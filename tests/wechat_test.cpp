@@ -39,9 +39,6 @@ namespace
 {
 
 const std::string HOST = PELKIN_WECHAT_API_HOST;
-const std::string HEAD_LINES = " HTTP/1.0\r\nHost: " + HOST +
-                               "\r\nConnection: keep-alive\r\nUser-Agent: pelkin\r\nContent-type: "
-                               "application/x-www-form-urlencoded\r\nContent-Length: ";
 const std::string REFUSAL = R"({"errcode":40001})";
 
 std::string numbered(std::string text, int number)
@@ -95,14 +92,13 @@ std::string batch_request(int first, int last)
         body += R"({"openid": ")" + openid(i) + R"(","lang": "zh_CN"})";
     }
     body += " ]}";
-    return "POST /cgi-bin/user/info/batchget?access_token=TOK" + HEAD_LINES +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
+    return support::request_text(true, HOST, "/cgi-bin/user/info/batchget?access_token=TOK", body);
 }
 
 std::string token_request(const std::string &secret)
 {
-    return "GET /cgi-bin/token?grant_type=client_credential&appid=app&secret=" + secret +
-           HEAD_LINES + "0\r\n\r\n";
+    return support::request_text(false, HOST, "/cgi-bin/token",
+                                 "grant_type=client_credential&appid=app&secret=" + secret);
 }
 
 // Newest first, a space behind each.
