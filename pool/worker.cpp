@@ -14,6 +14,8 @@
 #include "http/exchange.h"
 #include "log/log.h"
 #include "platform/error_text.h"
+#include "platform/poll_one.h"
+#include "platform/stack_release.h"
 #include "platform/thread_name.h"
 #include "platform/thread_start.h"
 #include "pool/answer_file.h"
@@ -24,6 +26,8 @@
 #include "social/reauth_request.h"
 
 static const char WORKER[] = "social_media_thread";
+// Seconds after a task for which a worker keeps the memory that it took.
+static const int32_t BUSY_S = 1;
 static const char CREATION[] = "pelkin_create_a_thread";
 
 /*
@@ -212,10 +216,32 @@ static int32_t perform_task(struct worker *worker)
     return 0;
 }
 
+// Gives back what only a task needs: nothing of the buffers behind the first page, which holds the
+// worker's own state, is read before it is written, or must be anything but zero.
+static void release_memory(struct worker *worker)
+{
+    const size_t page = (size_t)sysconf(_SC_PAGESIZE);
+    if (page < sizeof *worker) {
+        madvise((uint8_t *)worker + page, sizeof *worker - page, MADV_DONTNEED); // best effort
+    }
+    release_stack();
+}
+
+// Reads the next task. A worker that has nothing to do for a while is one of many, for hours
+// perhaps.
+static int32_t take_task(struct worker *worker)
+{
+    struct pollfd watched = {.fd = worker->read_end, .events = POLLIN, .revents = 0};
+    if (poll_one(&watched, BUSY_S, 0) == 0) {
+        release_memory(worker);
+    }
+    return pelkin_rcv_task(worker->read_end, &worker->task);
+}
+
 static void perform_tasks(struct worker *worker)
 {
-    int32_t rc = pelkin_rcv_task(worker->read_end, &worker->task);
-    for (; rc > 0; rc = pelkin_rcv_task(worker->read_end, &worker->task)) {
+    int32_t rc = take_task(worker);
+    for (; rc > 0; rc = take_task(worker)) {
         if (perform_task(worker) != 0) {
             return;
         }
