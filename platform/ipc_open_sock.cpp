@@ -1,6 +1,7 @@
 #include "platform/ipc_open_sock.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -20,12 +21,23 @@ static void enlarge_send_buffer(int fd)
     }
 }
 
+// Sockets alone can't be opened. Asking for the file's status instead would fail on one that was
+// made after 2038, with a C library whose times have 32 bits.
+static bool is_socket(const char *path)
+{
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENXIO;
+    }
+    close(fd);
+    return false;
+}
+
 // Removes the socket file when no process serves it. What stands there otherwise makes the bind
 // that follows fail with EADDRINUSE by itself.
 static void remove_stale_socket(const struct sockaddr_un *address)
 {
-    struct stat status;
-    if (lstat(address->sun_path, &status) != 0 || !S_ISSOCK(status.st_mode)) {
+    if (!is_socket(address->sun_path)) {
         return;
     }
     const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -34,9 +46,9 @@ static void remove_stale_socket(const struct sockaddr_un *address)
     }
     const int rc = connect(probe, (const struct sockaddr *)address, sizeof *address);
     if (rc != 0 && errno == ECONNREFUSED) {
-        (void)unlink(address->sun_path);
+        unlink(address->sun_path);
     }
-    (void)close(probe);
+    close(probe);
 }
 
 static int bind_for_owner_and_group(int fd, const struct sockaddr_un *address)
@@ -46,7 +58,7 @@ static int bind_for_owner_and_group(int fd, const struct sockaddr_un *address)
     const mode_t old_mask = umask(0117);
     const int rc = bind(fd, (const struct sockaddr *)address, sizeof *address);
     const int bind_errno = errno;
-    (void)umask(old_mask);
+    umask(old_mask);
     errno = bind_errno;
     return rc;
 }
@@ -79,7 +91,7 @@ int32_t ipc_open_sock(const char *path)
         }
     }
     if (error != 0) {
-        (void)close(fd);
+        close(fd);
         errno = error;
         return -1;
     }
