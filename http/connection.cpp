@@ -109,14 +109,16 @@ static void set_keepalive(int sock)
 
 static const char PROTOCOL_NAME[] = "tcp";
 
-// Its number, or -1.
+// Its number, or -1. Not every C library has the kind of this function that threads share: the lock
+// makes one of the other, whose answer is the whole process's.
 static int find_protocol(void)
 {
-    struct protoent entry;
-    struct protoent *found = nullptr;
-    char buffer[1024];
-    const int rc = getprotobyname_r(PROTOCOL_NAME, &entry, buffer, sizeof buffer, &found);
-    return rc == 0 && found != nullptr ? found->p_proto : -1;
+    static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    (void)pthread_mutex_lock(&lock);
+    const struct protoent *found = getprotobyname(PROTOCOL_NAME); // NOLINT(concurrency-mt-unsafe)
+    const int number = found != nullptr ? found->p_proto : -1;
+    (void)pthread_mutex_unlock(&lock);
+    return number;
 }
 
 void pelkin_prepare_lookups(void)
