@@ -3,7 +3,8 @@
 #error "this file reads the signal context of AArch64"
 #endif
 
-#include <ucontext.h>
+#include <signal.h>
+#include <sys/ucontext.h>
 
 #include "crash/context.h"
 

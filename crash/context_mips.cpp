@@ -6,7 +6,8 @@
 #error "this file reads the signal context of MIPS"
 #endif
 
-#include <ucontext.h>
+#include <signal.h>
+#include <sys/ucontext.h>
 
 #include "crash/context.h"
 

@@ -72,16 +72,27 @@ void dump_put_pointer(struct dump_text *out, uintptr_t value)
     dump_put_hex(out, value, 1);
 }
 
+// Null where the C library can't tell without a lock or an allocation: the GNU one translates in
+// strerror(), the small ones look into a constant table.
+static const char *describe(int32_t error)
+{
+#if !defined(__GLIBC__) || defined(__UCLIBC__)
+    return strerror(error); // NOLINT(concurrency-mt-unsafe): one thread dumps at a time
+#elif __GLIBC_PREREQ(2, 32)
+    return strerrordesc_np(error);
+#else
+    (void)error;
+    return nullptr;
+#endif
+}
+
 void dump_put_error(struct dump_text *out, int32_t error)
 {
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
-    // Unlike strerror() it neither translates nor allocates.
-    const char *description = strerrordesc_np(error);
+    const char *description = describe(error);
     if (description != nullptr) {
         dump_put(out, description);
         return;
     }
-#endif
     dump_put(out, "Unknown error ");
     dump_put_decimal(out, error, 0, ' ');
 }

@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <link.h>
 #include <string.h>
-#include <sys/auxv.h>
 
 #include "crash/checked_memory.h"
 
@@ -18,14 +17,16 @@ static const uintptr_t PAGE = 4096;
 static const uint32_t SYMBOLS_PER_READ = 32;
 static const uint32_t BUCKETS_PER_READ = 128;
 
-// The main program's entry in the loader's list. Written once by crash_symbols_init().
-static uintptr_t first_object;
-
 // Where an object's program headers are.
 struct segments {
     uintptr_t headers;
     uint32_t count;
 };
+
+// The main program's entry in the loader's list, and its headers. Written once by
+// crash_symbols_init().
+static uintptr_t first_object;
+static struct segments program_segments;
 
 // The parts of a dynamic section that a symbol's name is found by; 0 when missing.
 struct symbol_tables {
@@ -35,25 +36,45 @@ struct symbol_tables {
     uintptr_t gnu_hash;
 };
 
+#ifdef __UCLIBC__
+extern "C" struct r_debug *_dl_debug_addr;
+
+static const struct link_map *find_first_object(void)
+{
+    return _dl_debug_addr != nullptr ? _dl_debug_addr->r_map : nullptr;
+}
+#else
+static const struct link_map *find_first_object(void)
+{
+    struct link_map *map = nullptr;
+    void *program = dlopen(nullptr, RTLD_LAZY);
+    if (program != nullptr) {
+        (void)dlinfo(program, RTLD_DI_LINKMAP, &map);
+        dlclose(program);
+    }
+    return map;
+}
+#endif
+
+// The first object that the loader tells of is the program.
+static int keep_program_segments(struct dl_phdr_info *info, size_t, void *)
+{
+    program_segments = {.headers = (uintptr_t)info->dlpi_phdr, .count = info->dlpi_phnum};
+    return 1;
+}
+
 void crash_symbols_init(void)
 {
-    void *program = dlopen(nullptr, RTLD_LAZY);
-    if (program == nullptr) {
-        return;
-    }
-    struct link_map *map = nullptr;
-    if (dlinfo(program, RTLD_DI_LINKMAP, &map) == 0) {
-        first_object = (uintptr_t)map;
-    }
-    (void)dlclose(program);
+    first_object = (uintptr_t)find_first_object();
+    (void)dl_iterate_phdr(keep_program_segments, nullptr);
 }
 
 // An object begins with its ELF header, except that a program at a fixed address has no load bias
-// to find it by; the kernel tells where that one's headers are.
+// to find it by.
 static int32_t find_segments(const struct link_map *map, bool is_program, struct segments *found)
 {
     if (is_program) {
-        *found = {.headers = getauxval(AT_PHDR), .count = (uint32_t)getauxval(AT_PHNUM)};
+        *found = program_segments;
         return found->headers == 0 ? -1 : 0;
     }
     ElfW(Ehdr) header;

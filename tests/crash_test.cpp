@@ -13,6 +13,7 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <thread>
 #include <unistd.h>
@@ -56,9 +57,7 @@ extern "C" {
 void *__real_malloc(size_t size);
 int __real_sigaction(int number, const struct sigaction *action, struct sigaction *old);
 int __real_fsync(int fd);
-ssize_t __real_process_vm_readv(pid_t pid, const struct iovec *local, unsigned long local_count,
-                                const struct iovec *remote, unsigned long remote_count,
-                                unsigned long flags);
+long __real_syscall(long number, ...);
 
 void *__wrap_malloc(size_t size)
 {
@@ -86,15 +85,13 @@ int __wrap_fsync(int fd)
     return result;
 }
 
-ssize_t __wrap_process_vm_readv(pid_t pid, const struct iovec *local, unsigned long local_count,
-                                const struct iovec *remote, unsigned long remote_count,
-                                unsigned long flags)
+long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f)
 {
-    if (memory_is_not_read) {
+    if (number == SYS_process_vm_readv && memory_is_not_read) {
         errno = ENOSYS;
         return -1;
     }
-    return __real_process_vm_readv(pid, local, local_count, remote, remote_count, flags);
+    return __real_syscall(number, a, b, c, d, e, f);
 }
 
 REAL_FAULT void fault_null_write()
@@ -132,6 +129,8 @@ REAL_FAULT void fault_stack_pointer()
 {
 #if defined(__x86_64__)
     __asm__ volatile("mov $0x5afe10, %%rsp\n\tpush %%rax" ::: "memory");
+#elif defined(__i386__)
+    __asm__ volatile("mov $0x5afe10, %%esp\n\tpush %%eax" ::: "memory");
 #elif defined(__aarch64__)
     __asm__ volatile("mov sp, %0\n\tstr x0, [sp]" ::"r"(0x5afe10L) : "memory");
 #elif defined(__arm__)
@@ -321,7 +320,11 @@ static const std::pair<void (*)(), Texts> FAULTS[] = {
     {fault_on_worker<fault_in_malloc>, {"libc.so", "Signal # = 11\n"}},
 #endif
     {fault_on_worker<fault_in_log>, {"Signal # = 11\n"}},
-    {[] { (void)localtime_r(&UNSET_CLOCK, (struct tm *)0x10); }, {"Signal # = 11\n"}},
+    {[] {
+         const time_t when = 0;
+         (void)localtime_r(&when, (struct tm *)0x10);
+     },
+     {"Signal # = 11\n"}},
     {fault_while_locks_are_held, {"<fault_null_write+0x"}},
     {fault_without_descriptors, {"<fault_null_write+0x"}},
     {fault_with_full_output, {"<fault_null_write+0x"}},
