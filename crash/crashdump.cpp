@@ -18,7 +18,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "crash/context.h"
@@ -167,12 +166,10 @@ static int32_t open_output(void)
 static void write_dump(int32_t file, int32_t count, int signal_number, const siginfo_t *info,
                        const void *signal_context)
 {
-    struct timespec now = {};
-    (void)clock_gettime(CLOCK_REALTIME, &now);
     struct crash_context context;
     crash_read_context(signal_context, &context);
     const struct crash_report report = {.process_name = process_name,
-                                        .time = now.tv_sec,
+                                        .time = crash_wall_clock(),
                                         .count = count,
                                         .signal_number = signal_number,
                                         .info = info,
@@ -251,7 +248,7 @@ void crashdump_init(const char *name)
     }
     core_dump_setup(process_name);
     crash_symbols_init();
-    crash_wall_clock_init(time(nullptr));
+    crash_renew_zone_offset(crash_wall_clock());
     (void)crashdump_thread_init();
     install_handler();
 }

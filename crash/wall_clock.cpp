@@ -1,83 +1,47 @@
 #include "crash/wall_clock.h"
 
+#include <sys/syscall.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "crash/dump_text.h"
 
 static const int64_t DAY = 86400;
-static const int64_t START_OF_2020 = 1577836800;
-static const int64_t YEARS_AHEAD = DAY * 366 * 20;
-// No zone changes its offset twice within this time.
-static const int64_t PROBE_STEP = DAY * 7;
-static const uint32_t OFFSETS_MOST = 256;
+static const int64_t QUARTER_OF_AN_HOUR = 900;
+// Until 2100 the calendar with its weekdays repeats itself.
+static const int64_t YEARS_28 = (28 * 365 + 7) * DAY;
 
-// The zone's offset from UTC in seconds, from a time on.
-struct zone_offset {
-    int64_t from;
-    int64_t seconds;
-};
+static int32_t zone_offset_s; // atomic: written by the main thread, read by the one that crashes
 
-// Written at start, only read afterwards. The first one holds for all earlier times too.
-static struct zone_offset offsets[OFFSETS_MOST];
-static uint32_t offset_count;
-
-static int64_t offset_at(int64_t time)
+int64_t crash_wall_clock(void)
 {
-    const time_t moment = (time_t)time;
+    if (sizeof(time_t) > sizeof(int32_t)) {
+        struct timespec now = {};
+        clock_gettime(CLOCK_REALTIME, &now);
+        return now.tv_sec;
+    }
+    // The C library may refuse to tell a time that doesn't fit; the kernel cuts it to 32 bits.
+    long now[2] = {};
+    syscall(SYS_clock_gettime, CLOCK_REALTIME, now);
+    return (uint32_t)now[0];
+}
+
+void crash_renew_zone_offset(int64_t now)
+{
+    static int64_t quarter = INT64_MIN;
+    if (now / QUARTER_OF_AN_HOUR == quarter) {
+        return;
+    }
+    quarter = now / QUARTER_OF_AN_HOUR;
+    while ((time_t)now != now) {
+        now -= YEARS_28;
+    }
+    const time_t moment = (time_t)now;
     struct tm local = {};
-    return localtime_r(&moment, &local) == nullptr ? 0 : local.tm_gmtoff;
-}
-
-static void add_offset(int64_t from, int64_t seconds)
-{
-    if (offset_count < OFFSETS_MOST) {
-        offsets[offset_count++] = {.from = from, .seconds = seconds};
-    }
-}
-
-// The second at which the offset changes, when it does so once between the two times.
-static int64_t find_change(int64_t before, int64_t after)
-{
-    const int64_t old_offset = offset_at(before);
-    while (after - before > 1) {
-        const int64_t middle = before + (after - before) / 2;
-        if (offset_at(middle) == old_offset) {
-            before = middle;
-        } else {
-            after = middle;
-        }
-    }
-    return after;
-}
-
-void crash_wall_clock_init(int64_t now)
-{
     tzset();
-    const int64_t start = now > 0 ? now : 0;
-    const int64_t end = (now > START_OF_2020 ? now : START_OF_2020) + YEARS_AHEAD;
-    offset_count = 0;
-    add_offset(start, offset_at(start));
-    for (int64_t time = start; time < end; time += PROBE_STEP) {
-        const int64_t next = time + PROBE_STEP;
-        if ((time_t)next != next) {
-            return; // beyond what this system's clock can count
-        }
-        if (offset_at(next) != offset_at(time)) {
-            add_offset(find_change(time, next), offset_at(next));
-        }
+    if (localtime_r(&moment, &local) != nullptr) {
+        __atomic_store_n(&zone_offset_s, (int32_t)local.tm_gmtoff, __ATOMIC_RELAXED);
     }
-}
-
-static int64_t known_offset(int64_t time)
-{
-    if (offset_count == 0) {
-        return 0;
-    }
-    uint32_t which = 0;
-    while (which + 1 < offset_count && offsets[which + 1].from <= time) {
-        which++;
-    }
-    return offsets[which].seconds;
 }
 
 // Rounds down for negative numbers too.
@@ -116,7 +80,7 @@ void crash_put_time(int64_t time, char text[CRASH_TIME_SIZE])
     static const char weekdays[][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
     static const char months[][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const int64_t local = time + known_offset(time);
+    const int64_t local = time + __atomic_load_n(&zone_offset_s, __ATOMIC_RELAXED);
     const int64_t days = floor_divide(local, DAY);
     const int64_t second = local - days * DAY;
     const struct calendar_date date = date_of(days);

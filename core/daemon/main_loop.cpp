@@ -9,6 +9,7 @@
 #include "core/daemon/liveness.h"
 #include "core/daemon/signals.h"
 #include "core/ipc_send.h"
+#include "crash/wall_clock.h"
 #include "log/log.h"
 #include "platform/error_text.h"
 #include "platform/retry_pause.h"
@@ -53,6 +54,7 @@ static enum loop_verdict run_one_pass(void)
     const int ready = select(FD_SETSIZE, &readable, nullptr, nullptr, &timeout);
     const int error = errno;
     pelkin_mark_alive();
+    crash_renew_zone_offset(crash_wall_clock());
     pelkin_report_lost_signals();
     if (ready < 0) {
         PELKIN_LOG_AS(LOOP, WARNING, "Select() returns %d -- %s (%d)", ready, error_text(error),

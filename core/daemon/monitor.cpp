@@ -5,7 +5,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "core/daemon/liveness.h"
@@ -80,10 +79,7 @@ static bool discard_datagram(int32_t fd)
 // thread again at once, and be answered late. False when it is still there.
 static bool answer_if_alive(int32_t fd)
 {
-    (void)pthread_mutex_lock(&pelkin_timestamp_lock);
-    const time_t marked = pelkin_timestamp;
-    (void)pthread_mutex_unlock(&pelkin_timestamp_lock);
-    const int age_s = (int)(time(nullptr) - marked);
+    const int32_t age_s = pelkin_seconds_since_mark();
     if (age_s >= PELKIN_STALE_AFTER_S) {
         PELKIN_LOG_AS(MONITOR, ERROR, "Pelkin has been timeout for %d seconds.", age_s);
         return discard_datagram(fd);
