@@ -13,11 +13,11 @@ extern "C" {
  * Bytes of stack that every thread has at least: the deepest chain of calls holds a report and the
  * message made of it, or a request and the TLS library, some 130 KiB.
  */
-#define THREAD_STACK_LEAST 262144u
+#define THREAD_STACK_SIZE 262144u
 
 /*
  * Starts a thread with default attributes, but for a stack that would be smaller than
- * THREAD_STACK_LEAST. 0, or an errno value. Any thread.
+ * THREAD_STACK_SIZE. 0, or an errno value. Any thread.
  */
 int32_t start_thread(pthread_t *thread, void *(*body)(void *), void *argument);
 
