@@ -86,6 +86,34 @@ BENCHMARK(register_beside_waiting_clients)
     ->Iterations(1000)
     ->Unit(benchmark::kMicrosecond);
 
+// A client of an account that is there, and one of a new account, which comes to stand ahead of the
+// others.
+static void register_beside_accounts(benchmark::State &state)
+{
+    const int32_t accounts = (int32_t)state.range(0);
+    const bool is_new = state.range(1) != 0;
+    start_empty();
+    for (int32_t i = 0; i < accounts; i++) {
+        (void)register_client(i, 60);
+    }
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same accounts every time
+    int64_t longest_ns = 0;
+    int32_t next = accounts;
+    for (auto _ : state) {
+        const int account = is_new ? next++ : (int)(random() % (uint32_t)accounts);
+        const int64_t ns = register_client(account, 60);
+        longest_ns = std::max(longest_ns, ns);
+        state.SetIterationTime((double)ns * 1e-9);
+    }
+    state.counters["longest_us"] = (double)longest_ns * 1e-3;
+}
+BENCHMARK(register_beside_accounts)
+    ->ArgNames({"accounts", "new"})
+    ->ArgsProduct({{10, 1000, 100000}, {0, 1}})
+    ->UseManualTime()
+    ->Iterations(1000)
+    ->Unit(benchmark::kMicrosecond);
+
 static void register_20000_over_200_accounts(benchmark::State &state)
 {
     for (auto _ : state) {
