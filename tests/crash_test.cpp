@@ -332,11 +332,6 @@ static const std::pair<void (*)(), Texts> FAULTS[] = {
          fault_null_write();
      },
      {"#  1: ", "<fault_null_write+0x", "# Stack (0x", "\n#  0x", "Signal # = 11\n"}},
-    {[] {
-         memory_is_not_read = true; // nor can the file that stands in
-         fault_without_descriptors();
-     },
-     {"Stack backtrace:\n# End", "Signal # = 11\n"}},
     {[] { (void)raise(SIGPIPE); }, {"Signal # = 13\n", "Cause code = -6 (Unknown)\n"}},
 };
 
