@@ -8,6 +8,7 @@
 
 #include "fuzz/harness.h"
 #include "http/connection.h"
+#include "http/tls.h"
 
 static const int FIRST_SOCK = 1 << 20;
 static const script_block nobody = {true, BEFORE_CLOSED, "", {}, END_CLOSED};
@@ -112,9 +113,21 @@ extern "C" ssize_t __wrap_send(int sock, const void *, size_t length, int)
     return (ssize_t)length;
 }
 
-extern "C" ssize_t __wrap_recv(int sock, void *to, size_t room, int)
+// A look at the TLS connection's socket before a request: what it sees is the library's to tell.
+static ssize_t glance(void)
+{
+    server.before = look_before_request();
+    server.has_glanced = server.before != BEFORE_QUIET && server.before != BEFORE_WRITE_FAILS;
+    errno = EAGAIN;
+    return server.has_glanced ? server.before != BEFORE_CLOSED : -1;
+}
+
+extern "C" ssize_t __wrap_recv(int sock, void *to, size_t room, int flags)
 {
     require(sock == server.sock && room > 0, "a read has room");
+    if ((flags & MSG_PEEK) != 0) {
+        return glance();
+    }
     if (!has_bytes()) {
         errno = server.block->end == END_BROKEN ? ECONNRESET : 0;
         return server.block->end == END_BROKEN ? -1 : 0;
@@ -154,9 +167,36 @@ extern "C" int __wrap_SSL_has_pending(const SSL *)
     return 0;
 }
 
+SSL *pelkin_use_tls(SSL *tls)
+{
+    return tls;
+}
+
+extern "C" int __wrap_SSL_get_fd(const SSL *)
+{
+    return server.sock;
+}
+
+extern "C" int __wrap_SSL_in_init(const SSL *)
+{
+    return 0;
+}
+
+extern "C" uint64_t __wrap_SSL_set_options(SSL *, uint64_t options)
+{
+    return options;
+}
+
+extern "C" uint64_t __wrap_SSL_clear_options(SSL *, uint64_t)
+{
+    return 0;
+}
+
 extern "C" int __wrap_SSL_peek(SSL *, void *, int)
 {
-    switch (look_before_request()) {
+    const enum before_request before = server.has_glanced ? server.before : look_before_request();
+    server.has_glanced = false;
+    switch (before) {
     case BEFORE_STRAY_BYTE:
         return tls_result(1, SSL_ERROR_NONE);
     case BEFORE_CLOSED:

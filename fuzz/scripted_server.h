@@ -48,7 +48,9 @@ struct server_state {
     size_t piece_done;         // bytes of it
     size_t done;               // bytes of the answer
     bool was_late;             // the piece's early read has happened
-    int tls_error;             // of the latest call
+    bool has_glanced;          // TLS: what the look at the socket saw is the library's to tell
+    enum before_request before;
+    int tls_error; // of the latest call
 };
 extern struct server_state server;
 

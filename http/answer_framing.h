@@ -16,9 +16,10 @@ extern "C" {
 int32_t pelkin_get_http_head_len(const char *text);
 
 /*
- * The number behind the first "Content-Length: " (in exactly this spelling; RFC 9110, 8.6, would
- * allow others) in the NUL-terminated `text`; numbers beyond the 32-bit range read as its ends. -1
- * when there is none, or for a null text (logged).
+ * The number behind the first "Content-Length: " in the NUL-terminated `text`; numbers beyond the
+ * 32-bit range read as its ends. -1 when there is none, or for a null text (logged). It counts in
+ * exactly this spelling, though RFC 9110, 5.1, would allow others; in a build with tolerant framing
+ * (PELKIN_HTTP_FRAMING) in small and capital letters, and an answer 204 or 304 has 0 bytes there.
  */
 int32_t pelkin_get_http_data_len(const char *text);
 

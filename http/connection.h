@@ -1,17 +1,14 @@
 /*
- * Outgoing connections: the daemon's TLS context, TCP sockets and TLS objects, connecting to a host
- * by name or dotted address, and the bounded wait for a socket. Sending requests is not done here
- * (http/exchange.h). Connections of different threads are independent of each other; the context is
- * shared and only read.
- *
- * Nobody's certificate is checked and no server name is sent: the servers are the operator's own
- * and often old, so TLS 1.0, short keys and SHA-1 signatures are accepted too.
+ * Outgoing connections: TCP sockets, connecting to a host by name or dotted address, with TLS if
+ * asked for (http/tls.h), and the bounded wait for a socket. Sending requests is not done here
+ * (http/exchange.h). Connections of different threads are independent of each other.
  */
 #ifndef PELKIN_HTTP_CONNECTION_H
 #define PELKIN_HTTP_CONNECTION_H
 
-#include <openssl/ssl.h>
 #include <stdint.h>
+
+#include "http/tls.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -21,25 +18,6 @@ extern "C" {
 #define PELKIN_WAIT_READABLE 0
 #define PELKIN_WAIT_WRITABLE 1
 #define PELKIN_WAIT_EXCEPTION 2
-
-/* The daemon's one TLS client context: set by start-up before any worker exists, freed by shutdown.
- */
-extern SSL_CTX *pelkin_ctx;
-
-/* A new context, which the caller frees with SSL_CTX_free(), or null (logged). Main thread. */
-SSL_CTX *pelkin_create_ctx(void);
-
-/*
- * The daemon's context with a reference of the caller's own, who gives it back with SSL_CTX_free();
- * null when there is none. Main thread.
- */
-SSL_CTX *pelkin_hold_ctx(void);
-
-/*
- * A new TLS object, which the caller frees with SSL_free(), or null (logged); a null context makes
- * none.
- */
-SSL *pelkin_create_ssl(SSL_CTX *context);
 
 /*
  * Makes the C library set up its name services (nsswitch.conf(5)) now. Left to the first lookup, a
@@ -70,8 +48,8 @@ int32_t pelkin_open_connection(const char *operation, int32_t *sock, SSL *tls, c
 
 /*
  * Waits until `sock` is ready in the way of `mode`, at most the given time; a wait that a signal
- * interrupts starts over. Above 0 when ready, 0 at the time-out, below 0 on an error (errno). A
- * descriptor of any number will do.
+ * interrupts starts over. Above 0 when ready, 0 at the time-out, below 0 on an error (errno,
+ * logged). A descriptor of any number will do.
  */
 int32_t pelkin_wait_socket(int32_t sock, int32_t seconds, int32_t microseconds, int16_t mode);
 

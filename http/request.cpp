@@ -25,3 +25,21 @@ int32_t pelkin_build_http_req(const struct http_task *task, char *output, int32_
     }
     return 0;
 }
+
+static bool is_printable(const char *text)
+{
+    while (*text >= ' ' && *text <= '~') {
+        text++;
+    }
+    return *text == '\0';
+}
+
+int32_t pelkin_is_one_http_req(const struct http_task *task)
+{
+    // A body is as long as its announced length, whatever it holds.
+    const bool is_post = task->http_req_type == PELKIN_HTTP_POST;
+    return is_printable(task->path) && is_printable(task->host) &&
+                   (is_post || is_printable((const char *)task->data))
+               ? 1
+               : 0;
+}

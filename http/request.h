@@ -22,6 +22,13 @@ extern "C" {
 int32_t pelkin_build_http_req(const struct http_task *task, char *output, int32_t size,
                               int32_t *length);
 
+/*
+ * 1 when no server, however lenient, can take the task's request for more than one: whatever of it
+ * stands in the request line or the head is printable ASCII. Otherwise 0: it holds a byte that one
+ * or the other takes for a line's end. Any thread.
+ */
+int32_t pelkin_is_one_http_req(const struct http_task *task);
+
 #ifdef __cplusplus
 }
 #endif
