@@ -19,6 +19,9 @@
 
 using namespace support;
 
+// Of a second http/answer_framing, compiled with tolerant framing.
+extern "C" int32_t tolerant_get_http_data_len(const char *text);
+
 namespace
 {
 
@@ -79,6 +82,27 @@ struct Http : testing::Test {
 };
 
 } // namespace
+
+TEST(AnswerFraming, TolerantBuildTakesAnyCaseAndKnowsAnswersWithoutABody)
+{
+    static const struct {
+        const char *text;
+        int32_t strict;
+        int32_t tolerant;
+    } cases[] = {
+        {"HTTP/1.1 200 OK\r\ncontent-length: 5\r\n\r\n", -1, 5},
+        {"HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 5\r\n\r\n", -1, 5},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\n", 5, 5},
+        {"HTTP/1.1 204\r\n\r\n", -1, 0},
+        {"HTTP/1.0 304 Not Modified\r\nContent-Length: 5\r\n\r\n", 5, 0},
+        {"HTTP/1.0 200 204 OK\r\n\r\n", -1, -1},
+        {"ICY 204 OK\r\n\r\n", -1, -1},
+    };
+    for (const auto &one : cases) {
+        EXPECT_EQ(pelkin_get_http_data_len(one.text), one.strict) << one.text;
+        EXPECT_EQ(tolerant_get_http_data_len(one.text), one.tolerant) << one.text;
+    }
+}
 
 namespace
 {
@@ -173,6 +197,20 @@ TEST_F(Http, LargestRequestGoesOutWhole)
         EXPECT_EQ(client.response, "0") << "nothing of the large one is left";
         EXPECT_EQ(server.connections, 1) << "it did not go out in one go";
     }
+}
+
+// The socket of this client takes less than the request.
+TEST_F(Http, HalfWrittenRequestIsFollowedByNoOther)
+{
+    Server server({.receive_room = 4096}, [](Connection &connection) {
+        (void)connection.send(answer(connection.read_request().empty() ? "half" : "whole"));
+    });
+    Client client(false, "127.0.0.1");
+    ASSERT_EQ(client.connect(), 0);
+    const int room = 4096;
+    (void)setsockopt(client.sock, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    EXPECT_EQ(client.exchange(std::string(HTTP_TASK_DATA_MAX, 'q')), 0);
+    EXPECT_EQ(client.response, "half");
 }
 
 TEST_F(Http, ServerGoneForGoodFailsAtTheReconnection)
@@ -275,6 +313,8 @@ TEST_F(Http, WhatCannotBeConnectedIsRefused)
     EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "127.0.0.1", 0), -1);
     EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "no.such.host.invalid", 80), -1);
     EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "127.0.0.1", 80), -1) << "refused";
+    Server behind_an_address({}, [](Connection &) { ADD_FAILURE() << "text behind an address"; });
+    EXPECT_EQ(pelkin_connect_tcp_socket(client.sock, nullptr, "127.0.0.1\r\nX: y", 80), -1);
     // A TLS client meets a server that speaks no TLS.
     Server server({.port = 443}, [](Connection &connection) {
         (void)connection.wait_for_close();
