@@ -691,7 +691,7 @@ TEST(Log, ShowsOnlyWhatIsAskedForInTheFormAskedFor)
     } cases[] = {
         {{"--level", "4"}, "PELKIN err     f():one \"1\"\nPELKIN warning g():two\n"},
         {{"--grep", "^g.*o{2}|f"}, "PELKIN err     f():one \"1\"\n"},
-        {{"--count", "--level", "err", "--for", "2"}, "1\n"},
+        {{"--count", "--level", "err", "--for", "5"}, "1\n"},
         {{"--json", "--grep", "one"},
          "\"process\":\"PELKIN\",\"level\":\"err\",\"function\":\"f\",\"message\":\"one "
          "\\\"1\\\"\"}\n"},

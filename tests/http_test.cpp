@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "core/http_task.h"
+#include "http/answer_framing.h"
 #include "http/connection.h"
 #include "http/exchange.h"
 #include "tests/support/server.h"
