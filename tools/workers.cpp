@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
+#include <functional>
 #include <map>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -177,32 +178,44 @@ static const std::set<uint32_t> &addresses_of(const std::string &host)
     return place->second;
 }
 
+// Takes the connection away when it is certainly this worker's: the only one to its server. Of
+// several to one port the port is known, of several to both ports nothing.
 static void join(worker_view *worker, std::vector<connection> *free,
-                 std::vector<connection>::iterator connection)
+                 const std::function<bool(const connection &)> &fits)
 {
-    worker->port = connection->port;
-    worker->in_flight = connection->in_flight;
-    free->erase(connection);
+    const auto first = std::find_if(free->begin(), free->end(), fits);
+    if (first == free->end()) {
+        return;
+    }
+    const bool is_only = std::count_if(free->begin(), free->end(), fits) == 1;
+    if (is_only || std::all_of(free->begin(), free->end(), [&](const connection &one) {
+            return !fits(one) || one.port == first->port;
+        })) {
+        worker->port = first->port;
+    }
+    if (is_only) {
+        worker->in_flight = first->in_flight;
+        free->erase(first);
+    }
 }
 
 std::vector<worker_view> read_workers(pid_t pid)
 {
     std::vector<worker_view> workers = worker_threads(pid);
     std::vector<connection> free = connections_of(pid);
-    std::vector<worker_view *> unknown;
     for (worker_view &worker : workers) {
         const std::set<uint32_t> &addresses = addresses_of(worker.server);
-        const auto own = std::find_if(free.begin(), free.end(), [&](const connection &one) {
-            return addresses.count(one.address) != 0;
-        });
-        if (own != free.end()) {
-            join(&worker, &free, own);
-        } else {
+        join(&worker, &free,
+             [&](const connection &one) { return addresses.count(one.address) != 0; });
+    }
+    std::vector<worker_view *> unknown;
+    for (worker_view &worker : workers) {
+        if (!worker.in_flight) {
             unknown.push_back(&worker);
         }
     }
-    if (unknown.size() == 1 && free.size() == 1) {
-        join(unknown[0], &free, free.begin());
+    if (unknown.size() == 1) {
+        join(unknown[0], &free, [](const connection &) { return true; });
     }
     return workers;
 }

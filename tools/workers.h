@@ -1,7 +1,8 @@
 /*
  * The daemon's workers, seen through /proc: a worker is a thread that is named after its server, as
  * far as a name of 15 characters goes. Its connection is found by the server's address, or because
- * one worker and one connection are left; where neither tells, it stays unknown.
+ * one worker and one connection are left; where that doesn't tell, as with one host that is asked
+ * over both schemes, it stays unknown.
  */
 #ifndef PELKIN_TOOLS_WORKERS_H
 #define PELKIN_TOOLS_WORKERS_H
