@@ -111,10 +111,11 @@ TEST(WeChatDaemon, ChecksThousandsWithASmallStackAndASilentServer)
     if (!support::is_sanitized()) {
         EXPECT_GT(full_kib, start_kib + CLIENTS_KIB);
         // Once the last connection and client have gone, too.
-        EXPECT_TRUE(support::wait_until(
-            [&] { return support::resident_kib(daemon.pid) < start_kib + THREAD_KIB; }))
-            << start_kib << " KiB before, " << full_kib << " full, "
-            << support::resident_kib(daemon.pid) << " after";
+        EXPECT_TRUE(support::wait_until([&] {
+            return support::resident_kib(daemon.pid) < start_kib + THREAD_KIB;
+        })) << start_kib
+            << " KiB before, " << full_kib << " full, " << support::resident_kib(daemon.pid)
+            << " after";
     }
 }
 
