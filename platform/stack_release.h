@@ -10,9 +10,9 @@ extern "C" {
 #define STACK_KEPT 4096
 
 /*
- * Gives the pages of the calling thread's stack that deeper calls have used back to the system; they
- * read as zeros when they are used again. For a thread that has done something deep once. Not for
- * the main thread, whose stack has no fixed end.
+ * Gives the pages of the calling thread's stack that deeper calls have used back to the system;
+ * they read as zeros when they are used again. For a thread that has done something deep once. Not
+ * for the main thread, whose stack has no fixed end.
  */
 void release_stack(void);
 

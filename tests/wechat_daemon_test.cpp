@@ -19,8 +19,10 @@ const int ACCOUNTS = 200;
 const int CLIENTS = 20000;
 const int FIRST_PASS_S = 60;     // at the latest
 const size_t CLIENTS_KIB = 1200; // held by the records, at the least
-const size_t THREAD_KIB = 768;   // that a thread's first exchanges leave behind, at the most
-const int SILENCE_S = 100;       // ten seconds, generously
+// That a thread's first exchanges leave behind, at the most; the two answer buffers are cleared
+// whole.
+const size_t THREAD_KIB = 768 + 360;
+const int SILENCE_S = 100; // ten seconds, generously
 
 std::string check_follow(const std::string &appid, int number)
 {
