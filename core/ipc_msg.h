@@ -18,6 +18,7 @@ extern "C" {
 
 #define PELKIN_SOCKET_PATH "/var/run/vok/pelkin.socket"
 #define KIVREN_SOCKET_PATH "/var/run/vok/kivren.socket"
+#define PELKIN_MONITOR_SOCKET_PATH "/tmp/pelkin_mon.socket" /* liveness probes */
 
 #define PELKIN_MODULE_ID 21 /* 0x15, the high byte of this daemon's message ids */
 

@@ -19,6 +19,11 @@
 #include "platform/gate.h"
 #include "platform/zel_system.h"
 
+static_assert(offsetof(struct smart_tty_msg, model) == 32, "log record layout");
+static_assert(offsetof(struct smart_tty_msg, level) == 36, "log record layout");
+static_assert(offsetof(struct smart_tty_msg, kind) == 40, "log record layout");
+static_assert(offsetof(struct smart_tty_msg, text) == SMART_TTY_HEADER_SIZE, "log record layout");
+
 static const size_t COMMAND_SIZE = 1024;
 static const size_t DUMP_TEXT_SIZE = 4096;
 static const size_t DUMP_HEADING_LONGEST = 783;

@@ -14,20 +14,16 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "log/smart_tty_msg.h"
 #include "log/unix_sock.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#define SMART_TTY_SERVICE_PATH "/tmp/ttylog.msg"
-#define SMART_TTY_NAME_SIZE 32 /* process and model names, the NUL included */
-#define SMART_TTY_MODELS 32    /* entries of a record's model table */
+#define SMART_TTY_MODELS 32 /* entries of a record's model table */
 /* Characters of a model name that takes part in registration. */
 #define SMART_TTY_MODEL_LONGEST 24
-#define SMART_TTY_TEXT_MAX 4051 /* bytes of text in one record */
-#define SMART_TTY_HEADER_SIZE 44
-#define SMART_TTY_KIND 2
 #define SMART_TTY_FACILITY 0x80u /* syslog facility local0, RFC 5424, 6.2.1: 16 << 3 */
 
 /* A module's control record; all zeros is its initial state: no socket, no names, disabled. */
@@ -39,24 +35,6 @@ struct smart_tty_ctrl {
     uint32_t model_count;
     uint32_t status; /* 1 enabled, 0 disabled; read by every printing thread, see smart_tty.cpp */
 };
-
-/*
- * One datagram to the service: this header and `n` bytes of text without a NUL, 1 to
- * SMART_TTY_TEXT_MAX; a longer text is cut to that length and a NUL. Host byte order.
- */
-struct smart_tty_msg {
-    char process[SMART_TTY_NAME_SIZE]; /* at most 31 characters, the rest zero */
-    uint32_t model;
-    uint32_t level; /* 0 to 7, as syslog */
-    uint32_t kind;  /* SMART_TTY_KIND */
-    char text[SMART_TTY_TEXT_MAX + 1];
-};
-#ifdef __cplusplus
-static_assert(offsetof(struct smart_tty_msg, model) == 32, "log record layout");
-static_assert(offsetof(struct smart_tty_msg, level) == 36, "log record layout");
-static_assert(offsetof(struct smart_tty_msg, kind) == 40, "log record layout");
-static_assert(offsetof(struct smart_tty_msg, text) == SMART_TTY_HEADER_SIZE, "log record layout");
-#endif
 
 /* Clears the record; returns `ctrl`. */
 struct smart_tty_ctrl *smart_tty_init(struct smart_tty_ctrl *ctrl);

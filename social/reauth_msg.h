@@ -38,8 +38,8 @@ WIRE_SIZE(struct reauth_sta, 80);
 
 /*
  * A batch. It arrives with as many entries as its sender put in; its reader must have room for the
- * first one even when `sta_num` is below 1. What `sta_num` says can be trusted only after
- * pelkin_cut_reauth_attr().
+ * first one even when `sta_num` is below 1. `sta_num` may say more than came: it is compared with
+ * the datagram's size before it is used.
  */
 struct reauth_attr {
     uint16_t reauth_tag;             /* the requester's own, returned unchanged */

@@ -9,11 +9,11 @@
 
 #include <stdint.h>
 
+#include "core/ipc_msg.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
-
-#define PELKIN_MONITOR_SOCKET_PATH "/tmp/pelkin_mon.socket"
 
 /* Age of the main loop's mark, in seconds, from which probes go unanswered. */
 #define PELKIN_STALE_AFTER_S 10
