@@ -775,30 +775,39 @@ TEST(Log, ColoursATerminalUnlessToldNotTo)
 
 TEST(Example, FetchesAUrlAndFailsWithoutADaemon)
 {
-    const auto run_example = [](const std::string &url) {
-        return run_client({url}, std::getenv("PELKIN_EXAMPLE"));
-    };
-    EXPECT_EQ(run_example("http://127.0.0.1/").status, 1);
+    const std::string scripts = std::string(std::getenv("PELKIN_SOURCE_DIR")) + "/docs/examples/";
+    const std::string programs = std::string(std::getenv("PELKIN_BINARY_DIR")) + "/tests/example_";
     Server server({}, serve_bodies([](const std::string &request) {
                       return "asked: " + request.substr(0, request.find("\r\n"));
                   }));
-    const Daemon daemon;
-    const Outcome outcome = run_example("http://127.0.0.1/page");
-    EXPECT_EQ(outcome.out + outcome.error, "asked: GET /page HTTP/1.0");
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(run_example("http://" + std::string(300, 'x')).status, 1) << "cut, another URL";
+    for (const std::string &example :
+         {programs + "request", programs + "request_by_hand", scripts + "request.sh",
+          scripts + "request.py", scripts + "request.lua"}) {
+        SCOPED_TRACE(example);
+        const auto run_example = [&](const std::string &url) {
+            return run_client({url}, example.c_str());
+        };
+        EXPECT_NE(run_example("http://127.0.0.1/").status, 0);
+        const Daemon daemon;
+        const Outcome outcome = run_example("http://127.0.0.1/page");
+        EXPECT_EQ(outcome.out + outcome.error, "asked: GET /page HTTP/1.0");
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_NE(run_example("http://h/" + std::string(300, 'x')).status, 0) << "cut, another URL";
+    }
 }
 
 TEST(Example, IsAllTheCodeThatTheMessagePageShows)
 {
     const std::string docs = std::string(std::getenv("PELKIN_SOURCE_DIR")) + "/docs/";
     const std::string page = read_file(docs + "messages.md");
+    const std::string code = read_file(docs + "examples/request.c") +
+                             read_file(docs + "examples/request_by_hand.c");
     const std::string opening = "```c\n";
     size_t blocks = 0;
     for (size_t at = page.find(opening); at != std::string::npos; at = page.find(opening, at)) {
         at += opening.size();
         const std::string block = page.substr(at, page.find("```", at) - at);
-        EXPECT_TRUE(contains(read_file(docs + "examples/request.c"), block)) << block;
+        EXPECT_TRUE(contains(code, block)) << block;
         blocks++;
     }
     EXPECT_GT(blocks, 0u);
