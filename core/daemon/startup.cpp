@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <malloc.h>
 #include <openssl/err.h>
 #include <stdio.h>
 #include <string.h>
@@ -39,18 +38,8 @@ int32_t pelkin_write_pid_file(const char *path)
     return written > 0 ? 0 : -1;
 }
 
-// Threads allocate little and rarely, the TLS library for a connection and an answer: an arena for
-// each of them would hold several times what is in it.
-static void share_one_arena(void)
-{
-#ifdef M_ARENA_MAX
-    mallopt(M_ARENA_MAX, 1);
-#endif
-}
-
 int32_t pelkin_init(void)
 {
-    share_one_arena();
     crashdump_init("pelkin"); // first: the next step overrides what it does with SIGPIPE
     if (pelkin_signal_init() < 0) {
         return -1;
