@@ -84,8 +84,11 @@ static int32_t run(const struct load_contender *contender, const struct load_lim
 
 static const struct load_contender *find_contender(const char *name)
 {
-    static const struct load_contender *const all[] = {&load_bare, &load_daemon, &load_libcurl,
-                                                       &load_process};
+    static const struct load_contender *const all[] = {&load_bare, &load_daemon, &load_process,
+#ifdef BENCH_LIBCURL
+                                                       &load_libcurl
+#endif
+    };
     for (const struct load_contender *contender : all) {
         if (strcmp(contender->name, name) == 0) {
             return contender;

@@ -1,0 +1,16 @@
+# Cross building with Debian's compiler for the triplet, against a tree of unpacked packages. The files beside
+# this one say which; PELKIN_SYSROOT names another tree than the one that scripts/lib/sysroot makes.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR ${pelkin_processor})
+set(CMAKE_LIBRARY_ARCHITECTURE ${pelkin_triplet})
+set(CMAKE_C_COMPILER ${pelkin_triplet}-gcc)
+set(CMAKE_CXX_COMPILER ${pelkin_triplet}-g++)
+set(CMAKE_STRIP ${pelkin_triplet}-strip)
+get_filename_component(pelkin_root "${CMAKE_CURRENT_LIST_DIR}/../../build/device/root-${pelkin_architecture}" ABSOLUTE)
+set(PELKIN_SYSROOT "${pelkin_root}" CACHE PATH "Unpacked packages of the processor that is built for")
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PELKIN_SYSROOT)
+set(CMAKE_SYSROOT "${PELKIN_SYSROOT}")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
