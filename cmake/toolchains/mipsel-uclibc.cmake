@@ -1,0 +1,18 @@
+# MIPS32, little-endian, with the uClibc-ng and the static OpenSSL that scripts/lib/device_uclibc builds.
+get_filename_component(pelkin_uclibc "${CMAKE_CURRENT_LIST_DIR}/../../build/device/uclibc" ABSOLUTE)
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR mipsel)
+set(CMAKE_C_COMPILER "${pelkin_uclibc}/bin/gcc")
+set(CMAKE_CXX_COMPILER "${pelkin_uclibc}/bin/gcc")
+set(CMAKE_AR mipsel-linux-gnu-ar)
+set(CMAKE_RANLIB mipsel-linux-gnu-ranlib)
+set(CMAKE_STRIP mipsel-linux-gnu-strip)
+set(CMAKE_FIND_ROOT_PATH "${pelkin_uclibc}/sysroot")
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(OPENSSL_INCLUDE_DIR "${pelkin_uclibc}/openssl/include" CACHE PATH "")
+set(OPENSSL_SSL_LIBRARY "${pelkin_uclibc}/openssl/libssl.a" CACHE FILEPATH "")
+set(OPENSSL_CRYPTO_LIBRARY "${pelkin_uclibc}/openssl/libcrypto.a" CACHE FILEPATH "")
+# OpenSSL counts in 64 bits, also where the processor has 32.
+set(CMAKE_CXX_STANDARD_LIBRARIES "-l:libatomic.a" CACHE STRING "")
