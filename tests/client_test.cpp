@@ -800,8 +800,8 @@ TEST(Example, IsAllTheCodeThatTheMessagePageShows)
 {
     const std::string docs = std::string(std::getenv("PELKIN_SOURCE_DIR")) + "/docs/";
     const std::string page = read_file(docs + "messages.md");
-    const std::string code = read_file(docs + "examples/request.c") +
-                             read_file(docs + "examples/request_by_hand.c");
+    const std::string code =
+        read_file(docs + "examples/request.c") + read_file(docs + "examples/request_by_hand.c");
     const std::string opening = "```c\n";
     size_t blocks = 0;
     for (size_t at = page.find(opening); at != std::string::npos; at = page.find(opening, at)) {

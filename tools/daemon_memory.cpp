@@ -49,7 +49,7 @@ static std::optional<elf_section> section_at(const std::string &file, const elf_
 static bool is_named(const std::string &file, uint64_t offset, const std::string &name)
 {
     return offset < file.size() &&
-           file.compare(offset, name.size() + 1, name.c_str(), name.size() + 1) == 0;
+           file.compare((size_t)offset, name.size() + 1, name.c_str(), name.size() + 1) == 0;
 }
 
 static std::optional<uint64_t> find_in_table(const std::string &file, const elf_header &header,

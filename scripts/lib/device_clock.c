@@ -1,4 +1,5 @@
-/* device_clock SECONDS: sets the system's clock, also beyond what 32 bits of seconds since 1970 hold. */
+/* device_clock SECONDS: sets the system's clock, also beyond what 32 bits of seconds since 1970
+ * hold. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/syscall.h>

@@ -2,8 +2,9 @@
  * What scripts/device loads into the daemon on the emulated machine:
  *
  *   a request for the host "fault"    the worker faults with a known pattern in its registers
- *   PELKIN_OLD_PIPES in the environment   pipes have no size to ask for or set, as before Linux 2.6.35
- *   PELKIN_HOLD names a file          while it exists, the main thread stays in its next recvfrom()
+ *   PELKIN_OLD_PIPES in the environment   pipes have no size to ask for or set, as before
+ * Linux 2.6.35 PELKIN_HOLD names a file          while it exists, the main thread stays in its next
+ * recvfrom()
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -18,8 +19,9 @@
 #include <unistd.h>
 
 /*
- * $N holds N times 0x01010101, LO 0x12345678, HI 0x89abcdef; SP and RA are real, and the kernel has $26 and
- * $27 for itself. The word at the stack pointer names the caller's frame, above its return address.
+ * $N holds N times 0x01010101, LO 0x12345678, HI 0x89abcdef; SP and RA are real, and the kernel has
+ * $26 and $27 for itself. The word at the stack pointer names the caller's frame, above its return
+ * address.
  */
 void fault_caller(void);
 __asm__(".text\n.set push\n.set noat\n.set noreorder\n"
@@ -54,7 +56,8 @@ int fcntl64(int fd, int command, ...)
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    if ((command == F_GETPIPE_SZ || command == F_SETPIPE_SZ) && getenv("PELKIN_OLD_PIPES") != NULL) {
+    if ((command == F_GETPIPE_SZ || command == F_SETPIPE_SZ) &&
+        getenv("PELKIN_OLD_PIPES") != NULL) {
         errno = EINVAL;
         return -1;
     }
