@@ -1,10 +1,13 @@
 /*
  * The server of the benchmark: plain on port 80, TLS on port 443, one thread a connection, which
- * does nothing but read a request to its blank line and write the fixed answer (bench/answer.h).
- * Requests with a body are not served. Prints "ready" when it listens, and runs until it is killed.
+ * does nothing but read a request to its blank line and write the fixed answer (bench/answer.h);
+ * for the path /split in two segments, the second one when the first has been acknowledged, as a
+ * server does that leaves it to the system to delay small ones (Nagle's algorithm). Requests with a
+ * body are not served. Prints "ready" when it listens, and runs until it is killed.
  */
 #include <arpa/inet.h>
 #include <errno.h>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -79,6 +82,23 @@ static size_t receive_request(struct connection *connection)
     }
 }
 
+static int32_t answer(const struct connection *connection)
+{
+    static const char split[] = "GET /split ";
+    static const size_t head_length = sizeof BENCH_ANSWER - sizeof BENCH_BODY;
+    const struct stream *stream = &connection->stream;
+    const bool is_split = strncmp(connection->request, split, sizeof split - 1) == 0;
+    const size_t first = is_split ? head_length : sizeof BENCH_ANSWER - 1;
+    if (is_split) {
+        const int delay = 0;
+        setsockopt(stream->sock, IPPROTO_TCP, TCP_NODELAY, &delay, sizeof delay);
+    }
+    if (stream_write(stream, BENCH_ANSWER, first) != 0) {
+        return -1;
+    }
+    return is_split ? stream_write(stream, BENCH_BODY, sizeof BENCH_BODY - 1) : 0;
+}
+
 static void *serve_connection(void *argument)
 {
     struct connection *connection = (struct connection *)argument;
@@ -88,7 +108,7 @@ static void *serve_connection(void *argument)
         (SSL_set_fd(stream->tls, stream->sock) == 1 && SSL_accept(stream->tls) == 1)) {
         for (size_t used = receive_request(connection); used > 0;
              used = receive_request(connection)) {
-            if (stream_write(stream, BENCH_ANSWER, sizeof BENCH_ANSWER - 1) != 0) {
+            if (answer(connection) != 0) {
                 break;
             }
             connection->length -= used;
