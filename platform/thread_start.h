@@ -1,4 +1,4 @@
-/* Starting a thread that can rely on its stack, whatever limit the process was started with. */
+/* Starting a thread with the same stack, whatever limit the process was started with. */
 #ifndef PELKIN_PLATFORM_THREAD_START_H
 #define PELKIN_PLATFORM_THREAD_START_H
 
@@ -10,14 +10,15 @@ extern "C" {
 #endif
 
 /*
- * Bytes of stack that every thread has at least: the deepest chain of calls holds a report and the
- * message made of it, or a request and the TLS library, some 130 KiB.
+ * Bytes of stack that every thread has: the deepest chain of calls holds a report and the message
+ * made of it, or a request and the TLS library, some 130 KiB. Not more, since all workers' stacks
+ * together must fit an address space of 32 bits.
  */
 #define THREAD_STACK_SIZE 262144u
 
 /*
- * Starts a thread with default attributes, but for a stack that would be smaller than
- * THREAD_STACK_SIZE. 0, or an errno value. Any thread.
+ * Starts a thread with default attributes, but for a stack of THREAD_STACK_SIZE. 0, or an errno
+ * value. Any thread.
  */
 int32_t start_thread(pthread_t *thread, void *(*body)(void *), void *argument);
 
