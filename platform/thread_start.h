@@ -14,7 +14,11 @@ extern "C" {
  * made of it, or a request and the TLS library, some 130 KiB. Not more, since all workers' stacks
  * together must fit an address space of 32 bits.
  */
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#define THREAD_STACK_SIZE (8u * 1024 * 1024) /* sanitizers put several times as much on it */
+#else
 #define THREAD_STACK_SIZE 262144u
+#endif
 
 /*
  * Starts a thread with default attributes, but for a stack of THREAD_STACK_SIZE. 0, or an errno

@@ -123,9 +123,14 @@ static bool passes(const log_record &record, const log_filter &filter)
 
 // Read by the signal handler, which prints it.
 static volatile sig_atomic_t shown_count;
+static volatile sig_atomic_t is_count_printed; // a signal may come while the end prints it
 
 static void print_count()
 {
+    if (is_count_printed != 0) {
+        return;
+    }
+    is_count_printed = 1;
     char text[16];
     size_t at = sizeof text;
     text[--at] = '\n';
