@@ -7,6 +7,7 @@ set style fill solid 0.85 noborder
 set boxwidth 0.9
 set grid ytics lc rgb "#dddddd"
 set yrange [0:*]
+set offsets 0, 0, graph 0.25, 0
 set key top right
 set border 3
 set tics nomirror
@@ -34,8 +35,8 @@ plot data."/memory.dat" using 2:xtic(1) title "heap" lc rgb "#2b6cb0", \
 
 set output images."/performance-servers.svg"
 set style data linespoints
-set title "Processor time a request (us) against the number of servers, one processor"
-set key top left
+set title "Processor time a request (us), one processor"
+set key outside right
 set logscale x
 set xlabel "servers"
 plot data."/servers.dat" using 1:2 title "plain, all threads" lc rgb "#2b6cb0" pt 7, \
