@@ -83,12 +83,12 @@ static TO_CHECK_ACCOUNT **find_lowest(TO_CHECK_ACCOUNT **place)
 
 static void take_out(TO_CHECK_ACCOUNT *account)
 {
-    if (account->index.hash == 0) {
-        return; // a second one of its id
-    }
     struct way way = {.place = &root, .hash = account->index.hash};
-    while (*way.place != account) {
+    while (*way.place != nullptr && *way.place != account) {
         step(&way);
+    }
+    if (*way.place == nullptr) {
+        return; // a second one of its id
     }
     TO_CHECK_ACCOUNT **lowest = find_lowest(way.place);
     TO_CHECK_ACCOUNT *moved = *lowest;
