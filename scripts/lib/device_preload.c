@@ -3,7 +3,7 @@
  *
  *   a request for the host "fault"    the worker faults with a known pattern in its registers
  *   PELKIN_OLD_PIPES in the environment   pipes have no size to ask for or set, as before
- * Linux 2.6.35 PELKIN_HOLD names a file          while it exists, the main thread stays in its next
+ * Linux 2.6.35 PELKIN_HOLD names a path          while it exists, the main thread stays in its next
  * recvfrom()
  */
 #define _GNU_SOURCE
