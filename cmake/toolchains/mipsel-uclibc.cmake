@@ -16,3 +16,5 @@ set(OPENSSL_SSL_LIBRARY "${pelkin_uclibc}/openssl/libssl.a" CACHE FILEPATH "")
 set(OPENSSL_CRYPTO_LIBRARY "${pelkin_uclibc}/openssl/libcrypto.a" CACHE FILEPATH "")
 # OpenSSL counts in 64 bits, also where the processor has 32.
 set(CMAKE_CXX_STANDARD_LIBRARIES "-l:libatomic.a" CACHE STRING "")
+# The daemon's own functions have names in a dump; OpenSSL's would keep all of it in the program.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,--exclude-libs,libcrypto.a:libssl.a,--gc-sections")

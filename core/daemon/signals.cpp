@@ -11,6 +11,7 @@
 #include "core/switches.h"
 #include "log/log.h"
 #include "platform/error_text.h"
+#include "platform/pipe_capacity.h"
 #include "platform/read_number.h"
 
 int32_t signal_pipe[2] = {-1, -1};
@@ -60,7 +61,7 @@ static int open_signal_pipe(void)
     if (pipe2(signal_pipe, O_CLOEXEC) != 0) {
         return -1;
     }
-    signal_bytes_max = fcntl(signal_pipe[1], F_GETPIPE_SZ) / 2;
+    signal_bytes_max = pipe_capacity(signal_pipe[1]) / 2;
     if (signal_pipe[0] < FD_SETSIZE) {
         return 0;
     }

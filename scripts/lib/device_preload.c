@@ -1,10 +1,12 @@
 /*
  * What scripts/device loads into the daemon on the emulated machine:
  *
- *   a request for the host "fault"    the worker faults with a known pattern in its registers
- *   PELKIN_OLD_PIPES in the environment   pipes have no size to ask for or set, as before
- * Linux 2.6.35 PELKIN_HOLD names a path          while it exists, the main thread stays in its next
- * recvfrom()
+ * A request for the host "fault": the worker faults with a known pattern in its registers.
+ *
+ * PELKIN_OLD_PIPES in the environment names a file: pipes have no size to ask for or set, as before
+ * Linux 2.6.35. The first that is refused makes the file.
+ *
+ * PELKIN_HOLD names a path: while it exists, the main thread stays in its next recvfrom().
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -56,15 +58,18 @@ int fcntl64(int fd, int command, ...)
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    if ((command == F_GETPIPE_SZ || command == F_SETPIPE_SZ) &&
-        getenv("PELKIN_OLD_PIPES") != NULL) {
+    const char *refused = getenv("PELKIN_OLD_PIPES");
+    if (refused != NULL && (command == F_GETPIPE_SZ || command == F_SETPIPE_SZ)) {
+        close(open(refused, O_WRONLY | O_CREAT, 0600));
         errno = EINVAL;
         return -1;
     }
     return (int)syscall(SYS_fcntl64, fd, command, argument);
 }
 
+/* The other names by which programs call it, with 64-bit times and without large files. */
 int fcntl(int fd, int command, ...) __attribute__((alias("fcntl64")));
+int __fcntl_time64(int fd, int command, ...) __attribute__((alias("fcntl64")));
 
 ssize_t recvfrom(int fd, void *buffer, size_t size, int flags, struct sockaddr *from,
                  socklen_t *from_size)
