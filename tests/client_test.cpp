@@ -598,8 +598,11 @@ TEST(Watching, WorkersAreShownWithWhatTheyDoAndTopCountsFailures)
     const Daemon daemon;
     const auto shows = [](const std::string &state) {
         const std::string text = run_client({"workers", "--json"}).out;
-        return contains(text, "[{\"server\":\"127.0.0.1\",\"cut\":false,\"port\":80,\"state\":\"" +
-                                  state + "\",\"age_s\":") &&
+        // The thread sanitizer has a thread of its own in the daemon, which stands first.
+        return contains(text,
+                        std::string(is_sanitized() ? "" : "[") +
+                            "{\"server\":\"127.0.0.1\",\"cut\":false,\"port\":80,\"state\":\"" +
+                            state + "\",\"age_s\":") &&
                contains(text, ",\"in_flight\":0}]\n");
     };
     Client client({"get", "127.0.0.1"});
